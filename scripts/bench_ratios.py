@@ -19,7 +19,7 @@ for path in sys.argv[1:]:
                 scale = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}[run["time_unit"]]
                 parts = run["run_name"].split("/")
                 # Google Benchmark puts its own settings behind the name.
-                while ":" in parts[-1] or parts[-1] in ("real_time", "process_time", "manual_time"):
+                while ":" in parts[-1] or parts[-1].isdigit() or parts[-1] in ("real_time", "process_time", "manual_time"):
                     parts.pop()
                 times.setdefault("/".join(parts), []).append(
                     (run["real_time"] if "real_time" in run["run_name"] else run["cpu_time"]) * scale)

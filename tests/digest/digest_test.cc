@@ -1,0 +1,226 @@
+#include <kel/digest.h>
+
+#include <gmock/gmock.h>
+#include <openssl/evp.h>
+
+#include <array>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "support/import_hook.h"
+#include "support/reports.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using kel::testing::error;
+using kel::testing::Fault;
+using kel::testing::Hooked;
+using kel::testing::ReportCapture;
+using kel::testing::TempDir;
+using kel::testing::warning;
+using kel::testing::write_file;
+using ::testing::Each;
+using ::testing::ElementsAre;
+
+/// The peer: the same digest through OpenSSL's high-level interface, as hexadecimal text.
+std::string peer(const EVP_MD* type, const std::string& data) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned size = 0;
+  EVP_Digest(data.data(), data.size(), digest, &size, type, nullptr);
+  std::string text;
+  for (unsigned i = 0; i < size; ++i) {
+    char pair[3];
+    snprintf(pair, sizeof pair, "%02x", digest[i]);
+    text += pair;
+  }
+  return text;
+}
+
+TEST(Digest, StandardVectorsAndRandomDataInPieces) {
+  EXPECT_STREQ(MD5FromData("abc", 3), "900150983cd24fb0d6963f7d28e17f72");
+  EXPECT_STREQ(SHA256FromData("abc", 3),
+               "53048e2681941ef99b2e29b76b4c7dabe4c2d0c634fc6d46e0e2f13107e7af23");
+  EXPECT_STREQ(MD5FromData("", 0), "d41d8cd98f00b204e9800998ecf8427e");
+  EXPECT_STREQ(SHA256FromData(nullptr, 0),
+               "c672b8d1ef56ed28ab87c3622c5114069bdd3ad7b8f9737498d0c01ecef0967a");
+  std::mt19937 random(1);
+  for (int round = 0; round < 300; ++round) {
+    std::string data(random() % 600, '\0');
+    for (char& c : data) c = static_cast<char>(random());
+    MD5Context md5;
+    SHA256Context sha;
+    MD5Initialize(&md5);
+    SHA256Initialize(&sha);
+    for (size_t at = 0; at < data.size();) {
+      const size_t piece = std::min<size_t>(data.size() - at, 1 + random() % 200);
+      MD5Append(&md5, data.data() + at, static_cast<uint32_t>(piece));
+      SHA256Append(&sha, data.data() + at, piece);
+      at += piece;
+    }
+    MD5Finalize(&md5);
+    SHA256Finalize(&sha);
+    char text[65];
+    ASSERT_EQ(MD5GetString(&md5), peer(EVP_md5(), data));
+    ASSERT_EQ(MD5GetString_r(&md5, text, 33), peer(EVP_md5(), data));
+    ASSERT_EQ(SHA256GetString_r(&sha, text, 65), peer(EVP_sha512_256(), data));
+    ASSERT_EQ(SHA256FromData_r(data.data(), data.size(), text, 65), peer(EVP_sha512_256(), data));
+  }
+}
+
+TEST(Digest, EmptyInputIsRecognised) {
+  EXPECT_TRUE(MD5IsEmptyDigest(MD5EmptyDigest()));
+  EXPECT_TRUE(SHA256IsEmptyDigest(sha256_empty_digest));
+  EXPECT_FALSE(SHA256IsEmptyDigest(std::array<unsigned char, 32>{}.data()));
+  EXPECT_TRUE(MD5IsEmptyFP("D41D8CD98F00B204E9800998ECF8427E"));
+  EXPECT_FALSE(SHA256IsEmptyFP("D41D8CD98F00B204E9800998ECF8427E"));
+  unsigned char digest[16];
+  EXPECT_EQ(MD5DigestFromData_r(nullptr, 0, digest), digest);
+  EXPECT_TRUE(MD5IsEmptyDigest(digest));
+}
+
+// The low 8 bytes against 64-bit arithmetic, and the carries and borrows through the whole number.
+TEST(Digest, StepsAreThoseOfABigEndianNumber) {
+  std::mt19937_64 random(2);
+  unsigned char d[32];
+  for (int round = 0; round < 2000; ++round) {
+    SHA256DigestInitMinimum(d);
+    const uint64_t value = round % 2 == 0 ? random() >> 1 : (random() % 4096) << 48 | 0xffffffff;
+    const uint64_t stored = __builtin_bswap64(value);
+    std::memcpy(d + 24, &stored, 8);
+    uint64_t read;
+    std::memcpy(&read, SHA256DigestIncrement(d) + 24, 8);
+    ASSERT_EQ(__builtin_bswap64(read), value + 1);
+    SHA256DigestDecrement(SHA256DigestDecrement(SHA256DigestIncrement(d)));
+    std::memcpy(&read, d + 24, 8);
+    ASSERT_EQ(__builtin_bswap64(read), value);
+  }
+  unsigned char max[16], min[16];
+  MD5DigestInitMaximum(max);
+  MD5DigestInitMinimum(min);
+  EXPECT_EQ(std::memcmp(MD5DigestIncrement(max), min, 16), 0);
+  EXPECT_THAT(std::vector<unsigned char>(max, MD5DigestDecrement(max) + 16), Each(0xff));
+  EXPECT_EQ(MD5DigestHash32(MD5EmptyDigest()), 0xd41d8cd9u);
+  EXPECT_EQ(SHA256DigestHash32(SHA256EmptyDigest()), 0xc672b8d1u);
+}
+
+TEST(Digest, RawAndTextFormsRoundTripInEitherCase) {
+  const std::string text = SHA256FromData("x", 1);
+  std::string upper = text;
+  for (char& c : upper) c = static_cast<char>(toupper(c));
+  unsigned char a[32], b[32];
+  ASSERT_EQ(SHA256StringToDigest_r(text.c_str(), a), a);
+  ASSERT_EQ(SHA256DigestDeserialize(b, upper.data(), 64, 0), 64u);
+  EXPECT_EQ(std::memcmp(a, b, 32), 0);
+  EXPECT_EQ(std::memcmp(SHA256StringToDigest(text.c_str()), a, 32), 0);
+
+  std::string buf(66, '#');
+  EXPECT_EQ(SHA256DigestSerialize(buf.data(), 64, a, 0), SHA256DigestSerializedSize(0));
+  EXPECT_EQ(buf, text + "##") << "no terminator where there is no room for one";
+  EXPECT_EQ(SHA256DigestSerialize(buf.data(), 65, a, 0), 64u);
+  EXPECT_EQ(buf, text + std::string(1, '\0') + "#");
+  EXPECT_EQ(SHA256DigestSerialize(buf.data(), 32, a, 1), SHA256DigestSerializedSize(1));
+  EXPECT_EQ(std::memcmp(buf.data(), a, 32), 0);
+  EXPECT_EQ(SHA256DigestDeserialize(b, buf.data(), 32, 1), 32u);
+
+  EXPECT_STREQ(MD5DigestToString(MD5StringToDigest("D41D8CD98F00B204E9800998ECF8427E")),
+               "d41d8cd98f00b204e9800998ecf8427e");
+  EXPECT_EQ(MD5DigestSerializedSize(0), 32u);
+  EXPECT_EQ(MD5DigestSerializedSize(1), 16u);
+}
+
+TEST(Digest, RefusedTextsAndBuffersNameWhatIsWrong) {
+  ReportCapture reports;
+  unsigned char d[32] = {1};
+  char buf[65];
+  const std::string bad_first = std::string(10, 'a') + "g" + std::string(53, 'a');
+  const std::string bad_second = std::string(11, 'a') + "g" + std::string(52, 'a');
+  errno = 0;
+  EXPECT_EQ(SHA256StringToDigest_r(bad_first.c_str(), d), nullptr);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(d[0], 1) << "unchanged on failure";
+  EXPECT_EQ(MD5DigestDeserialize(d, bad_second.data(), 32, 0), 0u);
+  EXPECT_EQ(MD5StringToDigest("abc"), nullptr);
+  EXPECT_THAT(reports.take_texts(),
+              ElementsAre("SHA256DigestDeserialize: c1 is a non-digit found. [" + bad_first + "]",
+                          "SHA256StringToDigest_r: failed to deserialize sha256",
+                          "MD5DigestDeserialize: c2 is a non-digit found",
+                          "MD5DigestDeserialize: c2 is a non-digit found",
+                          "MD5StringToDigest: failed to deserialize md5"));
+
+  EXPECT_EQ(SHA256DigestToString_r(sha256_empty_digest, buf, 64), nullptr);
+  EXPECT_EQ(SHA256DigestToString_r(sha256_empty_digest, buf, 63), nullptr);
+  EXPECT_EQ(MD5DigestToString_r(md5_empty_digest, buf, 32), nullptr);
+  EXPECT_EQ(MD5GetString_r(nullptr, buf, 33), nullptr);
+  EXPECT_EQ(SHA256FromData_r("a", 1, buf, 64), nullptr);
+  EXPECT_THAT(reports.take(),
+              ElementsAre(error(22, "SHA256DigestToString_r: buffer too small for sha256"),
+                          error(22, "SHA256DigestSerialize: invalid NULL parameter"),
+                          error(22, "SHA256DigestToString_r: failed to serialize sha256"),
+                          error(22, "MD5DigestToString_r: buffer too small for md5"),
+                          error(22, "MD5GetString_r: invalid NULL parameter"),
+                          error(22, "SHA256FromData_r: invalid NULL parameter")));
+}
+
+TEST(Digest, ValidationEndsTheProcess) {
+  const std::string good(32, 'a');
+  MD5ValidateAndExitOnError(good.c_str());
+  SHA256ValidateAndExitOnError((good + good).c_str());
+  EXPECT_EXIT(MD5ValidateAndExitOnError("abc"), ::testing::ExitedWithCode(1),
+              "22: abc is not a valid FP, it has 3 instead of 32 characters");
+  EXPECT_EXIT(MD5ValidateAndExitOnError((good.substr(1) + "A").c_str()),
+              ::testing::ExitedWithCode(1), "A is not in the range \\[0-9a-f\\]");
+}
+
+TEST(Digest, FilesAreDigestedWholeOrNotAtAll) {
+  TempDir dir;
+  const std::string path = dir / "data";
+  std::mt19937 random(3);
+  char text[65];
+  for (const size_t size : {0, 1, 32767, 32768, 32769, 65536, 100000}) {
+    std::string data(size, '\0');
+    for (char& c : data) c = static_cast<char>(random());
+    write_file(path, data);
+    EXPECT_EQ(SHA256FromFile_r(path.c_str(), text, sizeof text), peer(EVP_sha512_256(), data));
+    EXPECT_STREQ(SHA256FromFile(path.c_str()), text);
+  }
+
+  ReportCapture reports;
+  const size_t descriptors = kel::testing::open_descriptors();
+  const std::string missing = dir / "missing";
+  EXPECT_EQ(SHA256FromFile(missing.c_str()), nullptr);
+  EXPECT_EQ(errno, ENOENT);
+  {
+    Fault<"read", ssize_t(int, void*, size_t)> broken(2, -1, EIO);
+    EXPECT_EQ(SHA256FromFile(path.c_str()), nullptr);
+    EXPECT_EQ(errno, EIO);
+  }
+  EXPECT_THAT(reports.take(),
+              ElementsAre(error(ENOENT, "SHA256FromFile: failed to open file " + missing),
+                          error(EIO, "__sha512_256FromFile: file read failed")));
+  {
+    Fault<"read", ssize_t(int, void*, size_t)> interrupted(2, -1, EINTR);
+    EXPECT_STREQ(SHA256FromFile(path.c_str()), text);
+  }
+  EXPECT_EQ(kel::testing::open_descriptors(), descriptors);
+}
+
+TEST(Digest, ApprovedModeComputesTheSameAndRefusesMd5) {
+  ReportCapture reports;
+  Hooked<"EVP_default_properties_is_fips_enabled", int(OSSL_LIB_CTX*)> approved(
+      [](OSSL_LIB_CTX*) { return 1; });
+  EXPECT_STREQ(SHA256FromData("abc", 3),
+               "53048e2681941ef99b2e29b76b4c7dabe4c2d0c634fc6d46e0e2f13107e7af23");
+  EXPECT_STREQ(MD5FromData("abc", 3), std::string(32, '0').c_str());
+  EXPECT_THAT(reports.take(),
+              ElementsAre(warning(-1, "MD5Initialize should not be used in FIPS mode"),
+                          warning(-1, "MD5Append should not be used in FIPS mode"),
+                          warning(-1, "MD5Finalize should not be used in FIPS mode")));
+  Fault<"EVP_DigestInit_ex", int(EVP_MD_CTX*, const EVP_MD*, ENGINE*)> broken(1, 0, 0);
+  EXPECT_STREQ(SHA256FromData("abc", 3), std::string(64, '0').c_str());
+  EXPECT_THAT(reports.take_texts(), ElementsAre("SHA256Initialize: SHA512NULL"));
+}
+
+}  // namespace

@@ -14,5 +14,7 @@ write_basic_package_version_file(kelConfigVersion.cmake COMPATIBILITY SameMajorV
 install(FILES ${PROJECT_BINARY_DIR}/kelConfig.cmake ${PROJECT_BINARY_DIR}/kelConfigVersion.cmake
   DESTINATION ${KEL_PACKAGE_DIR})
 
+# Relative to the file itself, so that an installed tree can be moved.
+file(RELATIVE_PATH KEL_PC_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/kel.pc.in kel.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -30,7 +30,8 @@
 #include <stdint.h>
 #include <stdio.h>
 
-/** @name Levels: one bit each, in the level argument and in the flags word. @{ */
+/** @name Levels: one bit each, in the level argument and in the flags word.
+ * @{ */
 #define KEL_LOG_CRIT 0x1
 #define KEL_LOG_ERR 0x2
 #define KEL_LOG_WARN 0x4
@@ -41,7 +42,8 @@
 #define KEL_LOG_BUG 0x80
 /** @} */
 
-/** @name Modifiers of the flags word. @{ */
+/** @name Modifiers of the flags word.
+ * @{ */
 #define KEL_LOG_DATE 0x800            /**< lines carry a date and time */
 #define KEL_LOG_SEVERE_CONSOLE 0x2000 /**< only crit, err, warn and bug lines reach the console */
 #define KEL_LOG_SILENT 0x4000 /**< no console; in a system log mask: keep the system log closed */
@@ -62,7 +64,8 @@
 #define KEL_LOG_YARL_WARNING 0x20000000
 /** @} */
 
-/** @name Presets of the flags word; the default is 0x87 (crit, err, warn, bug). @{ */
+/** @name Presets of the flags word; the default is 0x87 (crit, err, warn, bug).
+ * @{ */
 #define KEL_LOG_NONE 0x0
 #define KEL_LOG_MINIMAL 0x8B /**< crit, err, auth, bug */
 #define KEL_LOG_SHORT 0x8F   /**< minimal and warn */
@@ -119,8 +122,8 @@ KEL_API void __Trace(const char* fmt, ...) KEL_PRINTF(1, 2);
 KEL_API void kelLog(int code, int level, const char* fmt, ...) KEL_PRINTF(3, 4);
 /** @} */
 
-/** @name Reports from an argument list, without a code; the first five at the extended levels. @{
- */
+/** @name Reports from an argument list, without a code; the first five at the extended levels
+ * @{ */
 KEL_API void ErrorVA(const char* fmt, va_list ap) KEL_PRINTF(1, 0);
 KEL_API void WarningVA(const char* fmt, va_list ap) KEL_PRINTF(1, 0);
 KEL_API void InfoVA(const char* fmt, va_list ap) KEL_PRINTF(1, 0);
@@ -188,7 +191,8 @@ KEL_API void kelLogSetRedirector(kelLogRedirector redirector);
 KEL_API int kelLogSetBaseCode(int base);
 /** @} */
 
-/** @name Contexts, for programs that move one between threads. @{ */
+/** @name Contexts, for programs that move one between threads.
+ * @{ */
 /** This thread's context (a ::kelLogCtx), or null when it has none yet. */
 KEL_API void* kelLogGetCtx(void);
 /** Binds `ctx` to the calling thread, which owns it from then on; what was bound before is not

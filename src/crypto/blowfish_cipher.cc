@@ -16,8 +16,8 @@ using namespace kel::internal;
 namespace {
 
 constexpr int kBlock = 8;
-/// So that the rounded length of a piece and what is held back stays an int.
-constexpr int kMaxLength = INT_MAX - 2 * kBlock;
+/// Most bytes that may be held back and given at once: their rounded number must stay an int.
+constexpr int kMaxLength = INT_MAX - (kBlock - 1);
 
 }  // namespace
 
@@ -50,7 +50,7 @@ int BlowfishCipher::UpdateAligned(const unsigned char* in, int len, unsigned cha
 }
 
 int BlowfishCipher::Update(const void* in, int len, void* out) {
-  if (in == nullptr || out == nullptr || len < 0 || len > kMaxLength)
+  if (in == nullptr || out == nullptr || len < 0 || len > kMaxLength - carry_count_)
     return fail(-1, EINVAL, "%s: invalid arguments", __func__);
   const auto* from = static_cast<const unsigned char*>(in);
   auto* to = static_cast<unsigned char*>(out);

@@ -171,6 +171,24 @@ TEST_F(Log, ConsoleShowsTheDateOnlyWhenAsked) {
   EXPECT_THAT(console_of([] { ErrorA(1, "x"); }), MatchesRegex("[A-Z][a-z]+ .*Error: 1: x\n"));
 }
 
+TEST_F(Log, FileThatCannotBeWrittenLosesOnlyItsLines) {
+  TempDir dir;
+  kelLogSet((dir / "missing/a.log").c_str(), 0x87, 0);
+  errno = 9;
+  EXPECT_EQ(console_of([] { ErrorA(1, "still on the console"); }),
+            "Error: 1: still on the console\n");
+  EXPECT_EQ(errno, 9);
+
+  const std::string path = dir / "a.log";
+  kelLogSet(path.c_str(), 0x87 | KEL_LOG_SILENT, 0);
+  const size_t descriptors = kel::testing::open_descriptors();
+  kel::testing::Fault<"write", ssize_t(int, const void*, size_t)> full(1, -1, ENOSPC);
+  ErrorA(1, "dropped");
+  ErrorA(1, "kept");
+  EXPECT_EQ(read_file(path), "ERR: 1: kept\n");
+  EXPECT_EQ(kel::testing::open_descriptors(), descriptors);
+}
+
 TEST_F(Log, LongMessagesAreCutAndNeverRefused) {
   kelLogSet(nullptr, KEL_LOG_VERBOSE, 0);
   const std::string text(5000, 'a');

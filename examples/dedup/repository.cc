@@ -1,0 +1,268 @@
+// The layout of a repository:
+//
+//   format      one line with the version, one with the fingerprint of the key
+//   key         the key as 64 hexadecimal digits; mode 0600
+//   lock        locked by the process that stores
+//   containers  chunks
+//   snapshots   catalogues
+//   tmp         files that are being written
+#include "repository.h"
+
+#include <kel/digest.h>
+#include <kel/logging.h>
+#include <kel/safeio.h>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+
+#include "fingerprint.h"
+
+namespace dedup {
+namespace {
+
+constexpr char kVersionLine[] = "kel-dedup repository 1\n";
+constexpr const char* kFolders[] = {"containers", "snapshots", "tmp"};
+constexpr const char* kFiles[] = {"format", "key", "lock"};
+constexpr char kContainerSuffix[] = ".kdc";
+constexpr char kSnapshotSuffix[] = ".kds";
+constexpr size_t kDigits = 8;
+
+std::string text_of(const Fingerprint& fingerprint) {
+  char text[65];
+  SHA256DigestToString_r(fingerprint.bytes.data(), text, sizeof text);
+  return text;
+}
+
+std::string format_text(const KelKey& key) {
+  const Fingerprint id = fingerprint_of({key.Bytes(), KelKey::kLength});
+  return kVersionLine + ("key " + text_of(id).substr(0, 16)) + "\n";
+}
+
+/// The whole of a small file; false with errno when it cannot be read.
+bool read_small_file(const std::string& path, std::string& text) {
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file) return false;
+  text.resize(4096);
+  const ssize_t count = safe_read(file.get(), text.data(), text.size());
+  if (count < 0) return false;
+  text.resize(static_cast<size_t>(count));
+  return true;
+}
+
+std::string numbered_name(uint32_t number, const char* suffix) {
+  char name[32];
+  std::snprintf(name, sizeof name, "%0*u%s", static_cast<int>(kDigits), number, suffix);
+  return name;
+}
+
+/// The number in a name that numbered_name() makes; 0 for any other name.
+uint32_t number_of(const std::string& name, const char* suffix) {
+  uint32_t number = 0;
+  std::from_chars(name.data(), name.data() + name.size(), number);
+  return number != 0 && name == numbered_name(number, suffix) ? number : 0;
+}
+
+bool list_numbered(const std::string& folder, const char* suffix,
+                   std::vector<NumberedFile>& files) {
+  std::error_code error;
+  std::filesystem::directory_iterator at(folder, error);
+  for (; !error && at != std::filesystem::directory_iterator(); at.increment(error)) {
+    if (const uint32_t number = number_of(at->path().filename().string(), suffix))
+      files.push_back({number, at->path().string()});
+  }
+  if (error) {
+    ErrorA(error.value(), "could not list %s: %s", folder.c_str(), error.message().c_str());
+    return false;
+  }
+  std::sort(files.begin(), files.end(),
+            [](const auto& a, const auto& b) { return a.number < b.number; });
+  return true;
+}
+
+}  // namespace
+
+std::string Repository::container_name(uint32_t number) {
+  return numbered_name(number, kContainerSuffix);
+}
+
+std::string Repository::snapshot_name(uint32_t number) {
+  return numbered_name(number, kSnapshotSuffix);
+}
+
+bool Repository::list_containers(std::vector<NumberedFile>& files) const {
+  return list_numbered(containers(), kContainerSuffix, files);
+}
+
+bool Repository::list_snapshots(std::vector<NumberedFile>& files) const {
+  return list_numbered(snapshots(), kSnapshotSuffix, files);
+}
+
+bool Repository::find_snapshot(const std::string& wanted, NumberedFile& file) const {
+  std::vector<NumberedFile> files;
+  if (!list_snapshots(files)) return false;
+  uint32_t number = 0;
+  const char* end = wanted.data() + wanted.size();
+  if (wanted == "latest" && !files.empty())
+    number = files.back().number;
+  else if (std::from_chars(wanted.data(), end, number).ptr != end)
+    number = 0;
+  for (const NumberedFile& candidate : files) {
+    if (candidate.number != number) continue;
+    file = candidate;
+    return true;
+  }
+  ErrorA(ENOENT, "%s has no snapshot %s; 'kel-dedup list %s' shows those that are there",
+         path_.c_str(), wanted.c_str(), path_.c_str());
+  return false;
+}
+
+bool Repository::open() { return read_format(); }
+
+bool Repository::open_for_store() {
+  if (::mkdir(path_.c_str(), 0700) != 0 && errno != EEXIST) {
+    ErrorA(errno, "could not make the repository %s: %s", path_.c_str(), std::strerror(errno));
+    return false;
+  }
+  bool blank = false;
+  if (!is_blank(blank)) return false;
+  if (!blank && ::access((path_ + "/format").c_str(), F_OK) != 0) {
+    ErrorA(errno, "%s holds other things than a repository; name a new or empty folder",
+           path_.c_str());
+    return false;
+  }
+  if (!lock() || !make()) return false;
+  return read_format() && clean_temporaries();
+}
+
+/// Whether a repository could be made here, possibly for the second time after an interruption:
+/// nothing is there but what make() makes, and no containers.
+bool Repository::is_blank(bool& blank) const {
+  std::error_code error;
+  blank = true;
+  std::filesystem::directory_iterator at(path_, error);
+  for (; !error && at != std::filesystem::directory_iterator(); at.increment(error)) {
+    const std::string name = at->path().filename().string();
+    const auto is_named = [&](const char* known) { return name == known; };
+    if (std::none_of(std::begin(kFolders), std::end(kFolders), is_named) &&
+        std::none_of(std::begin(kFiles), std::end(kFiles), is_named))
+      blank = false;
+  }
+  if (!error) return true;
+  ErrorA(error.value(), "could not list %s: %s", path_.c_str(), error.message().c_str());
+  return false;
+}
+
+bool Repository::lock() {
+  const std::string path = path_ + "/lock";
+  lock_ = Descriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  if (lock_ && ::flock(lock_.get(), LOCK_EX | LOCK_NB) == 0) return true;
+  if (errno == EWOULDBLOCK)
+    ErrorA(errno, "another store is running on %s; wait until it has ended", path_.c_str());
+  else
+    ErrorA(errno, "could not lock %s: %s", path.c_str(), std::strerror(errno));
+  return false;
+}
+
+/// Makes what is missing; the format file comes last and says that all the rest is there.
+bool Repository::make() {
+  if (::access((path_ + "/format").c_str(), F_OK) == 0) return true;
+  for (const char* folder : kFolders) {
+    const std::string path = path_ + "/" + folder;
+    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+      ErrorA(errno, "could not make %s: %s", path.c_str(), std::strerror(errno));
+      return false;
+    }
+  }
+  std::vector<NumberedFile> files;
+  if (!list_containers(files) || !list_snapshots(files)) return false;
+  if (!files.empty()) {
+    ErrorA(ENOENT, "%s/format is missing from a repository that is in use; bring it back",
+           path_.c_str());
+    return false;
+  }
+  return make_key() && write_format();
+}
+
+bool Repository::write_small_file(const std::string& name, const std::string& text) {
+  const std::string temporary = temporaries() + "/" + name;
+  const std::string path = path_ + "/" + name;
+  Descriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+  if (file &&
+      safe_write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+      safe_fsync(file.get()) == 0 &&
+      rename_dirfsync(temporary.c_str(), path.c_str(), path_.c_str(), true) == 0)
+    return true;
+  ErrorA(errno, "could not write %s: %s", path.c_str(), std::strerror(errno));
+  return false;
+}
+
+bool Repository::make_key() {
+  if (::access((path_ + "/key").c_str(), F_OK) == 0) return read_key();
+  key_ = KelKey::NewKey(nullptr);
+  Fingerprint digits;
+  std::memcpy(digits.bytes.data(), key_.Bytes(), KelKey::kLength);
+  return write_small_file("key", text_of(digits) + "\n");
+}
+
+bool Repository::read_key() {
+  const std::string path = path_ + "/key";
+  std::string text;
+  if (!read_small_file(path, text)) {
+    ErrorA(errno, "could not read %s: %s; without it nothing can be read", path.c_str(),
+           std::strerror(errno));
+    return false;
+  }
+  unsigned char bytes[KelKey::kLength];
+  constexpr size_t kTextSize = 2 * sizeof bytes + 1;
+  if (text.size() != kTextSize || SHA256StringToDigest_r(text.c_str(), bytes) == nullptr) {
+    ErrorA(EINVAL, "%s is damaged: it should be one line of 64 hexadecimal digits; bring it back",
+           path.c_str());
+    return false;
+  }
+  key_.Assign(bytes);
+  struct stat status;
+  if (::stat(path.c_str(), &status) == 0 && (status.st_mode & 077) != 0)
+    WarningA(-1, "others may read %s; protect it with chmod 600", path.c_str());
+  return true;
+}
+
+bool Repository::write_format() { return write_small_file("format", format_text(key_)); }
+
+bool Repository::read_format() {
+  const std::string path = path_ + "/format";
+  std::string text;
+  if (!read_small_file(path, text)) {
+    ErrorA(errno, "%s is no repository: %s: %s", path_.c_str(), path.c_str(), std::strerror(errno));
+    return false;
+  }
+  if (text.rfind(kVersionLine, 0) != 0) {
+    ErrorA(EINVAL, "%s is of another version; this program reads version 1", path.c_str());
+    return false;
+  }
+  if (!read_key()) return false;
+  if (text == format_text(key_)) return true;
+  ErrorA(EINVAL, "%s/key is not the key of this repository; bring back the right one",
+         path_.c_str());
+  return false;
+}
+
+bool Repository::clean_temporaries() {
+  std::error_code error;
+  std::filesystem::directory_iterator at(temporaries(), error);
+  for (; !error && at != std::filesystem::directory_iterator(); at.increment(error))
+    std::filesystem::remove(at->path(), error);
+  if (!error) return true;
+  ErrorA(error.value(), "could not clean %s: %s", temporaries().c_str(), error.message().c_str());
+  return false;
+}
+
+}  // namespace dedup

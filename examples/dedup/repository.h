@@ -1,0 +1,61 @@
+// A repository on disk: its folders, its key, its lock, and the names of what it holds.
+#pragma once
+
+#include <kel/cipher.h>
+
+#include <string>
+#include <vector>
+
+#include "descriptor.h"
+
+namespace dedup {
+
+/// A numbered file: a container or a snapshot.
+struct NumberedFile {
+  uint32_t number;
+  std::string path;
+};
+
+class Repository {
+ public:
+  explicit Repository(std::string path) : path_(std::move(path)) {}
+
+  /// Opens an existing repository for reading. Needs no lock: files appear whole and stay.
+  bool open();
+  /// Opens or makes the repository for the one process that may store, and removes what an
+  /// interrupted one left behind.
+  bool open_for_store();
+
+  /// In the order of their numbers; what is not named like one is ignored.
+  bool list_containers(std::vector<NumberedFile>& files) const;
+  bool list_snapshots(std::vector<NumberedFile>& files) const;
+
+  /// Finds the snapshot "latest" or of a number; false after a report.
+  bool find_snapshot(const std::string& wanted, NumberedFile& file) const;
+
+  std::string containers() const { return path_ + "/containers"; }
+  std::string snapshots() const { return path_ + "/snapshots"; }
+  std::string temporaries() const { return path_ + "/tmp"; }
+  const std::string& path() const { return path_; }
+  const KelKey& key() const { return key_; }
+
+  static std::string container_name(uint32_t number);
+  static std::string snapshot_name(uint32_t number);
+
+ private:
+  bool make();
+  bool lock();
+  bool read_key();
+  bool make_key();
+  bool read_format();
+  bool write_format();
+  bool clean_temporaries();
+  bool is_blank(bool& blank) const;
+  bool write_small_file(const std::string& name, const std::string& text);
+
+  std::string path_;
+  Descriptor lock_;
+  KelKey key_;
+};
+
+}  // namespace dedup

@@ -1,0 +1,244 @@
+// The layout of a file:
+//
+//   8 bytes   "KDFILE1\n"
+//   segments  u64 size of the stream, u64 size of its payload, the stream
+//   end       u64 0, u64 0
+//
+// A payload is a tag (4 bytes), the content, and, when sealed, the fingerprint of all before it.
+#include "segment_file.h"
+
+#include <kel/logging.h>
+#include <kel/safeio.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "records.h"
+
+namespace dedup {
+namespace {
+
+constexpr unsigned char kMark[8] = {'K', 'D', 'F', 'I', 'L', 'E', '1', '\n'};
+constexpr uint64_t kFrameSize = 16;
+constexpr size_t kWindow = size_t{256} << 10;
+constexpr unsigned char kCipher = 3;  // AES-256-CTR
+constexpr int kComplete = 1;          // the result of a finished stream
+
+RecordWriter make_frame(uint64_t stream, uint64_t payload) {
+  RecordWriter frame;
+  frame.number(stream);
+  frame.number(payload);
+  return frame;
+}
+
+}  // namespace
+
+SegmentWriter::~SegmentWriter() {
+  if (stream_.state != nullptr) dcpEncryptEnd(&stream_);
+  if (file_) ::unlink(path_.c_str());
+}
+
+bool SegmentWriter::create(const std::string& temporary) {
+  path_ = temporary;
+  size_ = 0;
+  file_ = Descriptor(::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+  if (file_) return write(kMark);
+  ErrorA(errno, "could not create %s: %s", path_.c_str(), std::strerror(errno));
+  return false;
+}
+
+bool SegmentWriter::write(Bytes bytes) {
+  if (safe_write(file_.get(), bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size())) {
+    size_ += bytes.size();
+    return true;
+  }
+  ErrorA(errno, "could not write %s: %s; make room and store again", path_.c_str(),
+         std::strerror(errno));
+  return false;
+}
+
+bool SegmentWriter::append(Tag tag, Bytes content, bool sealed) {
+  RecordWriter head;
+  head.number(static_cast<uint32_t>(tag));
+  payload_.assign(head.bytes().begin(), head.bytes().end());
+  payload_.insert(payload_.end(), content.begin(), content.end());
+  if (sealed) {
+    const Fingerprint seal = fingerprint_of(payload_);
+    payload_.insert(payload_.end(), seal.bytes.begin(), seal.bytes.end());
+  }
+  // The size of the stream is known when it has been written.
+  const uint64_t frame_at = size_;
+  if (!write(make_frame(0, 0).bytes()) || !write_stream(payload_)) return false;
+  const uint64_t stream_size = size_ - frame_at - kFrameSize;
+  const RecordWriter frame = make_frame(stream_size, payload_.size());
+  const auto offset = static_cast<off_t>(frame_at);
+  if (safe_pwrite(file_.get(), frame.bytes().data(), frame.size(), offset) ==
+      static_cast<ssize_t>(frame.size()))
+    return true;
+  ErrorA(errno, "could not write %s: %s", path_.c_str(), std::strerror(errno));
+  return false;
+}
+
+bool SegmentWriter::write_stream(Bytes payload) {
+  window_.resize(kWindow);
+  int code = stream_.state == nullptr ? dcpEncryptInit(&stream_, 0, key_, kCipher)
+                                      : dcpEncryptReset(&stream_, key_, kCipher);
+  stream_.next_in = payload.data();
+  stream_.avail_in = static_cast<unsigned>(payload.size());
+  while (code == 0) {
+    stream_.next_out = window_.data();
+    stream_.avail_out = static_cast<unsigned>(window_.size());
+    code = dcpEncrypt(&stream_);
+    if (code >= 0 && !write({window_.data(), window_.size() - stream_.avail_out})) return false;
+  }
+  if (code == kComplete) return true;
+  ErrorA(code, "could not encrypt for %s: %s", path_.c_str(), dcpCryptError(code));
+  return false;
+}
+
+bool SegmentWriter::commit(const std::string& directory, const std::string& name) {
+  if (!write(make_frame(0, 0).bytes())) return false;
+  if (safe_fsync(file_.get()) != 0) {
+    ErrorA(errno, "could not flush %s: %s", path_.c_str(), std::strerror(errno));
+    return false;
+  }
+  const std::string final_path = directory + "/" + name;
+  if (rename_dirfsync(path_.c_str(), final_path.c_str(), directory.c_str(), false) != 0)
+    return false;
+  file_.close();
+  return true;
+}
+
+bool SegmentReader::fails(std::string problem) {
+  problem_ = std::move(problem);
+  content_ = {};
+  return false;
+}
+
+bool SegmentReader::open() {
+  file_ = Descriptor(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat status;
+  if (!file_ || ::fstat(file_.get(), &status) != 0)
+    return fails(std::string("cannot be opened: ") + std::strerror(errno));
+  size_ = static_cast<uint64_t>(status.st_size);
+  unsigned char mark[sizeof kMark];
+  if (safe_pread(file_.get(), mark, sizeof mark, 0) != static_cast<ssize_t>(sizeof mark) ||
+      std::memcmp(mark, kMark, sizeof mark) != 0)
+    return fails("is damaged: it does not begin as a file of the repository");
+  offset_ = sizeof mark;
+  return true;
+}
+
+std::optional<SegmentReader::Frame> SegmentReader::read_frame() {
+  unsigned char bytes[kFrameSize];
+  if (size_ - offset_ < kFrameSize ||
+      safe_pread(file_.get(), bytes, sizeof bytes, static_cast<off_t>(offset_)) !=
+          static_cast<ssize_t>(sizeof bytes)) {
+    fails("is truncated");
+    return std::nullopt;
+  }
+  RecordReader reader(bytes);
+  const auto stream = reader.number<uint64_t>();
+  const auto payload = reader.number<uint64_t>();
+  const uint64_t left = size_ - offset_ - kFrameSize;
+  if (payload > kLargestPayload || stream > 2 * kLargestPayload ||
+      (stream == 0) != (payload == 0)) {
+    fails("is damaged: a segment has an impossible size");
+    return std::nullopt;
+  }
+  if (stream > left) {
+    fails("is truncated");
+    return std::nullopt;
+  }
+  return Frame{stream, payload};
+}
+
+bool SegmentReader::decode(const Frame& frame) {
+  stream_bytes_.resize(frame.stream);
+  if (safe_pread(file_.get(), stream_bytes_.data(), stream_bytes_.size(),
+                 static_cast<off_t>(offset_ + kFrameSize)) !=
+      static_cast<ssize_t>(stream_bytes_.size()))
+    return fails("cannot be read");
+  // Room beyond the payload lets the reader come to the stream's end in one call.
+  payload_.resize(frame.payload + 64);
+  c_stream_t stream = {};
+  int code = dcpDecryptInit(&stream, key_, kCipher);
+  if (code == 0) {
+    stream.next_in = stream_bytes_.data();
+    stream.avail_in = static_cast<unsigned>(stream_bytes_.size());
+    stream.next_out = payload_.data();
+    stream.avail_out = static_cast<unsigned>(payload_.size());
+    code = dcpDecrypt(&stream, 1);
+  }
+  const bool whole = code == kComplete && stream.total_out == frame.payload;
+  if (stream.state != nullptr) dcpDecryptEnd(&stream);
+  if (!whole) return fails("is damaged: a segment cannot be decrypted");
+  payload_.resize(frame.payload);
+  return true;
+}
+
+std::optional<Tag> SegmentReader::read_any(bool sealed) {
+  const auto frame = read_frame();
+  if (!frame) return std::nullopt;
+  if (frame->stream == 0) {
+    fails("is damaged: a segment is missing");
+    return std::nullopt;
+  }
+  if (!decode(*frame)) return std::nullopt;
+  offset_ += kFrameSize + frame->stream;
+
+  Bytes whole = payload_;
+  constexpr size_t kSealSize = sizeof(Fingerprint);
+  if (whole.size() < kTagSize + (sealed ? kSealSize : 0)) {
+    fails("is damaged: a segment is too small");
+    return std::nullopt;
+  }
+  if (sealed) {
+    RecordReader seal(whole.last(kSealSize));
+    whole = whole.first(whole.size() - kSealSize);
+    if (seal.fingerprint() != fingerprint_of(whole)) {
+      fails("is damaged: a segment does not match its fingerprint");
+      return std::nullopt;
+    }
+  }
+  content_ = whole.subspan(kTagSize);
+  return static_cast<Tag>(RecordReader(whole).number<uint32_t>());
+}
+
+bool SegmentReader::read(Tag tag, bool sealed) {
+  const auto found = read_any(sealed);
+  if (!found) return false;
+  return *found == tag || fails("is damaged: a segment is not what it should be");
+}
+
+bool SegmentReader::skip() {
+  const auto frame = read_frame();
+  if (!frame || frame->stream == 0) return false;
+  offset_ += kFrameSize + frame->stream;
+  return true;
+}
+
+bool SegmentReader::go_to_last() {
+  uint64_t last = offset_;
+  for (;;) {
+    const auto frame = read_frame();
+    if (!frame) return false;
+    if (frame->stream == 0) break;
+    last = offset_;
+    offset_ += kFrameSize + frame->stream;
+  }
+  offset_ = last;
+  return true;
+}
+
+bool SegmentReader::at_end() {
+  const auto frame = read_frame();
+  if (!frame) return false;
+  if (frame->stream != 0) return fails("is damaged: a segment too many");
+  return offset_ + kFrameSize == size_ || fails("is damaged: something follows its end");
+}
+
+}  // namespace dedup

@@ -1,0 +1,198 @@
+// Storing: walk, cut, look up, keep what is new; the snapshot becomes visible when all is safe.
+#include <kel/logging.h>
+#include <kel/safeio.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+
+#include "catalogue.h"
+#include "chunker.h"
+#include "commands.h"
+#include "container.h"
+#include "progress.h"
+#include "text.h"
+#include "walk.h"
+
+namespace dedup {
+namespace {
+
+constexpr size_t kReadSize = size_t{1} << 20;
+
+class Store final : public WalkVisitor {
+ public:
+  Store(const Repository& repository, Index& index, uint32_t next_container)
+      : repository_(repository),
+        index_(index),
+        containers_(repository, next_container),
+        catalogue_(repository.key()),
+        buffer_(kReadSize + kLargestChunk) {}
+
+  /// Stores the folder `source` as snapshot `number`; false when there is none, after a report.
+  bool run(const std::string& source, uint32_t number);
+  void print_summary(uint32_t number);
+  const Summary& summary() const { return summary_; }
+
+  bool folder(const Entry& entry) override {
+    ++summary_.folders;
+    return catalogue_.add(Item::kFolder, entry);
+  }
+  bool link(const Entry& entry) override {
+    ++summary_.links;
+    return catalogue_.add(Item::kLink, entry);
+  }
+  bool file(const Entry& entry, const std::string& path) override;
+  void problem() override { ++summary_.problems; }
+
+ private:
+  bool cannot_read(const std::string& path);
+  bool store_data(int file, uint64_t& size, int& error);
+  bool store_chunk(Bytes data);
+
+  const Repository& repository_;
+  Index& index_;
+  ContainerWriter containers_;
+  CatalogueWriter catalogue_;
+  Summary summary_;
+  Progress progress_{"storing"};
+  std::vector<unsigned char> buffer_;
+};
+
+bool Store::run(const std::string& source, uint32_t number) {
+  struct stat own;
+  const std::string name = Repository::snapshot_name(number);
+  if (::stat(repository_.path().c_str(), &own) != 0 ||
+      !catalogue_.create(repository_.temporaries() + "/" + name))
+    return false;
+  summary_.time = std::time(nullptr);
+  summary_.source = source;
+  const bool walked = walk(source, own, *this);
+  progress_.clear();
+  if (!walked || !containers_.finish()) return false;
+  summary_.stored_bytes = containers_.stored_bytes();
+  return catalogue_.commit(summary_, repository_.snapshots(), name);
+}
+
+bool Store::cannot_read(const std::string& path) {
+  ErrorA(errno, "could not read %s: %s", path_text(path).c_str(), std::strerror(errno));
+  ++summary_.problems;
+  return true;
+}
+
+bool Store::file(const Entry& entry, const std::string& path) {
+  // The file may have given way to something else since the walk saw it.
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat status;
+  if (!file || ::fstat(file.get(), &status) != 0) return cannot_read(path);
+  if (!S_ISREG(status.st_mode)) {
+    errno = ESTALE;
+    return cannot_read(path);
+  }
+  uint64_t size = 0;
+  int error = 0;
+  if (!catalogue_.add(Item::kFile, entry_of(entry.path, status)) ||
+      !store_data(file.get(), size, error) || !catalogue_.end_file(size, error == 0))
+    return false;
+  if (error != 0) {
+    errno = error;
+    return cannot_read(path);
+  }
+  ++summary_.files;
+  progress_.add_file();
+  return true;
+}
+
+/// Stores what a file holds; `error` is why it could not be read to its end, or 0.
+bool Store::store_data(int file, uint64_t& size, int& error) {
+  size_t held = 0;
+  for (;;) {
+    const ssize_t count = safe_read(file, buffer_.data() + held, kReadSize);
+    if (count < 0) {
+      error = errno;
+      return true;
+    }
+    held += static_cast<size_t>(count);
+    const bool at_end = static_cast<size_t>(count) < kReadSize;
+    size_t done = 0;
+    // A cut needs a whole chunk's worth to look at, except at the end of the file.
+    while (held - done >= (at_end ? 1 : kLargestChunk)) {
+      const size_t length = first_chunk(buffer_.data() + done, held - done);
+      if (!store_chunk({buffer_.data() + done, length})) return false;
+      done += length;
+    }
+    size += done;
+    held -= done;
+    std::memmove(buffer_.data(), buffer_.data() + done, held);
+    if (at_end) return true;
+  }
+}
+
+bool Store::store_chunk(Bytes data) {
+  const Fingerprint chunk = fingerprint_of(data);
+  ++summary_.chunks;
+  summary_.bytes += data.size();
+  progress_.add_bytes(data.size());
+  if (!index_.find(chunk)) {
+    ++summary_.new_chunks;
+    summary_.new_bytes += data.size();
+    Location location;
+    if (!containers_.add(chunk, data, location) || !index_.put(chunk, location)) return false;
+  }
+  return catalogue_.add_chunk(chunk, static_cast<uint32_t>(data.size()));
+}
+
+void Store::print_summary(uint32_t number) {
+  const auto row = [](const char* name, uint64_t count, const std::string& size) {
+    std::printf("%-10s %12lu  %12s\n", name, static_cast<unsigned long>(count), size.c_str());
+  };
+  const double megabytes = static_cast<double>(summary_.bytes) / 1e6;
+  std::printf("snapshot   %12u\n", number);
+  row("files", summary_.files, size_text(summary_.bytes));
+  row("folders", summary_.folders, "");
+  row("links", summary_.links, "");
+  row("chunks", summary_.chunks, size_text(summary_.bytes));
+  row("new", summary_.new_chunks, size_text(summary_.new_bytes));
+  std::printf("%-10s %12s  %12s\n", "stored", "", size_text(summary_.stored_bytes).c_str());
+  std::printf("%-10s %12.0f  %12s\n", "speed", megabytes / (progress_.seconds() + 1e-9), "MB/s");
+}
+
+/// The folder behind a name that a user gave; empty after a report.
+std::string resolve_folder(const std::string& name) {
+  const std::unique_ptr<char, void (*)(void*)> path(::realpath(name.c_str(), nullptr), std::free);
+  struct stat status;
+  if (path != nullptr && ::stat(path.get(), &status) == 0) {
+    if (S_ISDIR(status.st_mode)) return path.get();
+    errno = ENOTDIR;
+  }
+  ErrorA(errno, "could not store %s: %s", name.c_str(), std::strerror(errno));
+  return {};
+}
+
+}  // namespace
+
+int store(const std::string& path, const std::string& source) {
+  const std::string folder = resolve_folder(source);
+  if (folder.empty()) return 1;
+  Repository repository(path);
+  std::vector<NumberedFile> containers;
+  std::vector<NumberedFile> snapshots;
+  Index index;
+  size_t damaged = 0;
+  if (!repository.open_for_store() || !repository.list_containers(containers) ||
+      !repository.list_snapshots(snapshots) || !load_index(repository, containers, index, damaged))
+    return 1;
+  const uint32_t next_container = containers.empty() ? 1 : containers.back().number + 1;
+  const uint32_t number = snapshots.empty() ? 1 : snapshots.back().number + 1;
+  Store storing(repository, index, next_container);
+  if (!storing.run(folder, number)) return 1;
+  storing.print_summary(number);
+  return storing.summary().problems == 0 && damaged == 0 ? 0 : 1;
+}
+
+}  // namespace dedup

@@ -1,0 +1,130 @@
+// Verifying: every chunk of every container against its fingerprint, then every snapshot against
+// the chunks that were good.
+#include <kel/logging.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "catalogue.h"
+#include "commands.h"
+#include "container.h"
+#include "progress.h"
+#include "text.h"
+
+namespace dedup {
+namespace {
+
+class Verify {
+ public:
+  explicit Verify(const Repository& repository) : repository_(repository) {}
+
+  /// Checks a container; one that is not good is reported.
+  void check_container(const NumberedFile& file);
+  /// Checks a snapshot; its damage and the files that cannot be restored are reported.
+  void check_snapshot(const NumberedFile& file);
+  /// Prints what was found; the exit status.
+  int finish(size_t containers, size_t snapshots);
+
+ private:
+  std::string find_problem(const NumberedFile& file);
+  /// Goes through the chunks of the file that the catalogue has come to.
+  bool is_whole(CatalogueReader& catalogue);
+
+  const Repository& repository_;
+  Index good_;
+  std::vector<StoredChunk> table_;
+  std::vector<unsigned char> data_;
+  Progress progress_{"verifying"};
+  uint64_t bytes_ = 0;
+  size_t damaged_ = 0;
+  size_t broken_files_ = 0;
+};
+
+/// Reads a container and notes its good chunks; what is wrong with it, or nothing.
+std::string Verify::find_problem(const NumberedFile& file) {
+  std::string problem;
+  if (!read_container(repository_, file.path, table_, data_, problem)) return problem;
+  size_t bad = 0;
+  for (const auto& [chunk, offset, length] : table_) {
+    const bool inside = uint64_t{offset} + length <= data_.size();
+    if (!inside || fingerprint_of({data_.data() + offset, length}) != chunk)
+      ++bad;
+    else if (!good_.put(chunk, {file.number, offset, length}))
+      return "cannot be checked: no memory is left";
+    bytes_ += length;
+    progress_.add_bytes(length);
+  }
+  if (bad == 0) return {};
+  return "is damaged: " + std::to_string(bad) + " of " + std::to_string(table_.size()) +
+         " chunks do not match their fingerprints";
+}
+
+void Verify::check_container(const NumberedFile& file) {
+  const std::string problem = find_problem(file);
+  if (problem.empty()) return;
+  progress_.clear();
+  ErrorA(EIO, "container %s %s; move it away and store its source again", file.path.c_str(),
+         problem.c_str());
+  ++damaged_;
+}
+
+bool Verify::is_whole(CatalogueReader& catalogue) {
+  uint64_t size = 0;
+  bool whole = true;
+  std::optional<Item> item;
+  while ((item = catalogue.next()) == Item::kChunk) {
+    const auto location = good_.find(catalogue.chunk);
+    whole = whole && location && location->length == catalogue.length;
+    size += catalogue.length;
+  }
+  return whole && item == Item::kFileEnd && size == catalogue.file_size;
+}
+
+void Verify::check_snapshot(const NumberedFile& file) {
+  CatalogueReader catalogue(repository_.key(), file.path);
+  std::optional<Item> item;
+  if (catalogue.open()) {
+    while ((item = catalogue.next()) && item != Item::kEnd) {
+      if (item != Item::kFile) continue;
+      const std::string path = catalogue.entry.path;
+      if (is_whole(catalogue)) continue;
+      progress_.clear();
+      ErrorA(EIO, "snapshot %u: %s cannot be restored", file.number, path_text(path).c_str());
+      ++broken_files_;
+    }
+  }
+  if (item) return;
+  progress_.clear();
+  ErrorA(EIO, "snapshot %s %s; move it away and store its source again", file.path.c_str(),
+         catalogue.problem().c_str());
+  ++damaged_;
+}
+
+int Verify::finish(size_t containers, size_t snapshots) {
+  progress_.clear();
+  const double rate = static_cast<double>(bytes_) / 1e6 / (progress_.seconds() + 1e-9);
+  std::printf("verified %zu containers, %zu snapshots, %lu chunks, %s, %.0f MB/s\n", containers,
+              snapshots, static_cast<unsigned long>(good_.size()), size_text(bytes_).c_str(), rate);
+  if (damaged_ == 0 && broken_files_ == 0) return 0;
+  std::printf("damaged: %zu containers and snapshots, %zu files cannot be restored\n", damaged_,
+              broken_files_);
+  return 1;
+}
+
+}  // namespace
+
+int verify(const std::string& path) {
+  Repository repository(path);
+  std::vector<NumberedFile> snapshots;
+  std::vector<NumberedFile> containers;
+  // The snapshots before the containers: what they need is then there, also while a store runs.
+  if (!repository.open() || !repository.list_snapshots(snapshots) ||
+      !repository.list_containers(containers))
+    return 1;
+  Verify verifying(repository);
+  for (const NumberedFile& file : containers) verifying.check_container(file);
+  for (const NumberedFile& file : snapshots) verifying.check_snapshot(file);
+  return verifying.finish(containers.size(), snapshots.size());
+}
+
+}  // namespace dedup

@@ -6,7 +6,6 @@
 #define KEL_KEL_H
 
 #include <kel/export.h>
-
 #include <kel/logging.h>
 #include <kel/strings.h>
 

@@ -48,9 +48,10 @@
 #define KEL_LOG_SEVERE_CONSOLE 0x2000 /**< only crit, err, warn and bug lines reach the console */
 #define KEL_LOG_SILENT 0x4000 /**< no console; in a system log mask: keep the system log closed */
 #define KEL_LOG_THREAD 0x8000 /**< lines carry the thread id */
-#define KEL_LOG_NO_OUTPUT 0x10000 /**< no console, no file; system log and redirector still work \
-                                   */
-#define KEL_LOG_TIMING 0x40000    /**< lines carry the time in microseconds */
+#define KEL_LOG_NO_OUTPUT                                                                     \
+  0x10000                      /**< no console, no file; system log and redirector still work \
+                                */
+#define KEL_LOG_TIMING 0x40000 /**< lines carry the time in microseconds */
 #define KEL_LOG_CONSOLE_DATE 0x80000 /**< console lines carry the date too */
 #define KEL_LOG_TIME_ONLY 0x800000   /**< the date is shortened to the time of day */
 /** @} */

@@ -1,8 +1,8 @@
 /* A program that sees only the installed tree, in C11. */
+#include <kel/kel.h>
+
 #include <errno.h>
 #include <string.h>
-
-#include <kel/kel.h>
 
 int main(void) {
   char name[4];

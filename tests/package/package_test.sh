@@ -33,8 +33,10 @@ flags=$(pkg-config --cflags --libs kel)
 echo "headers alone"
 for header in "$prefix"/include/kel/*.h; do
   name=kel/$(basename "$header")
+  source="#include <$name>
+typedef int not_empty;"
   # shellcheck disable=SC2086
-  echo "#include <$name>" | "$cxx" -std=c++17 -Wall -Wextra -Wpedantic -Werror -fsyntax-only $flags -x c++ -
+  "$cxx" -std=c++17 -Wall -Wextra -Wpedantic -Werror -fsyntax-only $flags -x c++ - <<<"$source"
   # shellcheck disable=SC2086
-  echo "#include <$name>" | "$cc" -std=c11 -Wall -Wextra -Wpedantic -Werror -fsyntax-only $flags -x c -
+  "$cc" -std=c11 -Wall -Wextra -Wpedantic -Werror -fsyntax-only $flags -x c - <<<"$source"
 done

@@ -60,6 +60,8 @@ std::nullopt_t CatalogueReader::damaged() {
 }
 
 std::optional<Item> CatalogueReader::next() {
+  // What follows damage would come without what it belongs to.
+  if (!problem().empty()) return std::nullopt;
   while (records_.left() == 0) {
     const auto tag = file_.read_any(true);
     if (!tag) return std::nullopt;

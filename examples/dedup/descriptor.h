@@ -22,8 +22,10 @@ class Descriptor {
 
   explicit operator bool() const { return fd_ >= 0; }
   int get() const { return fd_; }
+  /// Gives the descriptor to another owner.
+  int release() { return std::exchange(fd_, -1); }
   /// Closes now; 0 or -1, as close(2).
-  int close() { return ::close(std::exchange(fd_, -1)); }
+  int close() { return ::close(release()); }
 
  private:
   int fd_ = -1;

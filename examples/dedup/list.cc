@@ -27,9 +27,12 @@ int list(const std::string& path) {
       continue;
     }
     const Summary& summary = catalogue.summary;
-    std::printf("%8u  %-19s %10lu %12s %12s  %s\n", file.number, time_text(summary.time).c_str(),
+    std::printf("%8u  %-19s %10lu %12s %12s  %s", file.number, time_text(summary.time).c_str(),
                 static_cast<unsigned long>(summary.files), size_text(summary.bytes).c_str(),
                 size_text(summary.new_bytes).c_str(), path_text(summary.source).c_str());
+    if (summary.problems != 0)
+      std::printf(" (incomplete: %lu problems)", static_cast<unsigned long>(summary.problems));
+    std::printf("\n");
   }
   return status;
 }

@@ -2,7 +2,11 @@
 #include <kel/library.h>
 #include <kel/logging.h>
 
+#include <sys/resource.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <string>
 
@@ -30,6 +34,14 @@ void usage(const char* program) {
       program);
 }
 
+/// A walk holds a descriptor for each level of its tree.
+void raise_descriptor_limit() {
+  rlimit limit;
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 int run(int argc, char** argv) {
   const std::string command = argc > 1 ? argv[1] : "";
   if (command == "store" && argc == 4) return dedup::store(argv[2], argv[3]);
@@ -46,7 +58,11 @@ int main(int argc, char** argv) {
   const tqutil::LibAutoInit library("kel-dedup");
   _checkCommonArgs(&argc, argv, usage, GetKELVersion(), __DATE__, __TIME__, "Release");
   try {
-    return run(argc, argv);
+    raise_descriptor_limit();
+    const int status = run(argc, argv);
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
+    ErrorA(errno, "kel-dedup: could not write the output: %s", std::strerror(errno));
+    return 1;
   } catch (const std::exception& problem) {
     ErrorA(-1, "kel-dedup: %s", problem.what());
     return 1;

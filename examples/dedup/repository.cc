@@ -128,7 +128,9 @@ bool Repository::find_snapshot(const std::string& wanted, NumberedFile& file) co
 bool Repository::open() { return read_format(); }
 
 bool Repository::open_for_store() {
-  if (::mkdir(path_.c_str(), 0700) != 0 && errno != EEXIST) {
+  if (::mkdir(path_.c_str(), 0700) == 0) {
+    dirfsync((path_ + "/..").c_str(), true);
+  } else if (errno != EEXIST) {
     ErrorA(errno, "could not make the repository %s: %s", path_.c_str(), std::strerror(errno));
     return false;
   }
@@ -195,9 +197,9 @@ bool Repository::make() {
 bool Repository::write_small_file(const std::string& name, const std::string& text) {
   const std::string temporary = temporaries() + "/" + name;
   const std::string path = path_ + "/" + name;
-  Descriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+  const Descriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
   if (file &&
-      safe_write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+      safe_pwrite(file.get(), text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()) &&
       safe_fsync(file.get()) == 0 &&
       rename_dirfsync(temporary.c_str(), path.c_str(), path_.c_str(), true) == 0)
     return true;
@@ -250,8 +252,8 @@ bool Repository::read_format() {
   }
   if (!read_key()) return false;
   if (text == format_text(key_)) return true;
-  ErrorA(EINVAL, "%s/key is not the key of this repository; bring back the right one",
-         path_.c_str());
+  ErrorA(EINVAL, "%s/key and %s/format do not belong together; bring back the right key",
+         path_.c_str(), path_.c_str());
   return false;
 }
 

@@ -51,7 +51,8 @@ bool SegmentWriter::create(const std::string& temporary) {
 }
 
 bool SegmentWriter::write(Bytes bytes) {
-  if (safe_write(file_.get(), bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size())) {
+  if (safe_pwrite(file_.get(), bytes.data(), bytes.size(), static_cast<off_t>(size_)) ==
+      static_cast<ssize_t>(bytes.size())) {
     size_ += bytes.size();
     return true;
   }

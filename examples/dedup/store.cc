@@ -25,6 +25,13 @@ namespace {
 
 constexpr size_t kReadSize = size_t{1} << 20;
 
+/// Whether a file of which `size` bytes were read stayed as it was.
+bool is_unchanged(const struct stat& before, const struct stat& after, uint64_t size) {
+  return before.st_mtim.tv_sec == after.st_mtim.tv_sec &&
+         before.st_mtim.tv_nsec == after.st_mtim.tv_nsec &&
+         static_cast<uint64_t>(after.st_size) == size;
+}
+
 class Store final : public WalkVisitor {
  public:
   Store(const Repository& repository, Index& index, uint32_t next_container)
@@ -47,11 +54,11 @@ class Store final : public WalkVisitor {
     ++summary_.links;
     return catalogue_.add(Item::kLink, entry);
   }
-  bool file(const Entry& entry, const std::string& path) override;
-  void problem() override { ++summary_.problems; }
+  bool file(const Entry& entry, int folder, const std::string& name) override;
+  void problem(const std::string& path, int error) override;
 
  private:
-  bool cannot_read(const std::string& path);
+  std::string full_path(const std::string& path) const;
   bool store_data(int file, uint64_t& size, int& error);
   bool store_chunk(Bytes data);
 
@@ -66,10 +73,17 @@ class Store final : public WalkVisitor {
 
 bool Store::run(const std::string& source, uint32_t number) {
   struct stat own;
-  const std::string name = Repository::snapshot_name(number);
-  if (::stat(repository_.path().c_str(), &own) != 0 ||
-      !catalogue_.create(repository_.temporaries() + "/" + name))
+  struct stat root;
+  if (::stat(repository_.path().c_str(), &own) != 0 || ::stat(source.c_str(), &root) != 0) {
+    ErrorA(errno, "could not store %s: %s", path_text(source).c_str(), std::strerror(errno));
     return false;
+  }
+  if (own.st_dev == root.st_dev && own.st_ino == root.st_ino) {
+    ErrorA(EINVAL, "could not store %s: it is the repository itself", path_text(source).c_str());
+    return false;
+  }
+  const std::string name = Repository::snapshot_name(number);
+  if (!catalogue_.create(repository_.temporaries() + "/" + name)) return false;
   summary_.time = std::time(nullptr);
   summary_.source = source;
   const bool walked = walk(source, own, *this);
@@ -79,20 +93,29 @@ bool Store::run(const std::string& source, uint32_t number) {
   return catalogue_.commit(summary_, repository_.snapshots(), name);
 }
 
-bool Store::cannot_read(const std::string& path) {
-  ErrorA(errno, "could not read %s: %s", path_text(path).c_str(), std::strerror(errno));
-  ++summary_.problems;
-  return true;
+std::string Store::full_path(const std::string& path) const {
+  return path_text(path.empty() ? summary_.source : summary_.source + "/" + path);
 }
 
-bool Store::file(const Entry& entry, const std::string& path) {
+void Store::problem(const std::string& path, int error) {
+  progress_.clear();
+  if (error == 0) {
+    WarningA(-1, "%s is neither file, folder nor link: not stored", full_path(path).c_str());
+    return;
+  }
+  ErrorA(error, "could not read %s: %s", full_path(path).c_str(), std::strerror(error));
+  ++summary_.problems;
+}
+
+bool Store::file(const Entry& entry, int folder, const std::string& name) {
   // The file may have given way to something else since the walk saw it.
-  const Descriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  const Descriptor file(
+      ::openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat status;
-  if (!file || ::fstat(file.get(), &status) != 0) return cannot_read(path);
-  if (!S_ISREG(status.st_mode)) {
-    errno = ESTALE;
-    return cannot_read(path);
+  const bool readable = file && ::fstat(file.get(), &status) == 0;
+  if (!readable || !S_ISREG(status.st_mode)) {
+    problem(entry.path, readable ? ESTALE : errno);
+    return true;
   }
   uint64_t size = 0;
   int error = 0;
@@ -100,8 +123,15 @@ bool Store::file(const Entry& entry, const std::string& path) {
       !store_data(file.get(), size, error) || !catalogue_.end_file(size, error == 0))
     return false;
   if (error != 0) {
-    errno = error;
-    return cannot_read(path);
+    problem(entry.path, error);
+    return true;
+  }
+  struct stat after;
+  if (::fstat(file.get(), &after) == 0 && !is_unchanged(status, after, size)) {
+    progress_.clear();
+    WarningA(-1, "%s changed while it was read: old and new parts may be mixed",
+             full_path(entry.path).c_str());
+    ++summary_.problems;
   }
   ++summary_.files;
   progress_.add_file();
@@ -170,7 +200,7 @@ std::string resolve_folder(const std::string& name) {
     if (S_ISDIR(status.st_mode)) return path.get();
     errno = ENOTDIR;
   }
-  ErrorA(errno, "could not store %s: %s", name.c_str(), std::strerror(errno));
+  ErrorA(errno, "could not store %s: %s", path_text(name).c_str(), std::strerror(errno));
   return {};
 }
 

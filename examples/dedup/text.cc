@@ -50,7 +50,10 @@ std::string path_text(const std::string& path) {
   for (size_t i = 0; i < path.size();) {
     const size_t length = utf8_length(path, i);
     const auto byte = static_cast<unsigned char>(path[i]);
-    if (length == 0 || byte < 0x20 || byte == 0x7f) {
+    const bool is_control =
+        byte < 0x20 || byte == 0x7f ||
+        (byte == 0xc2 && length == 2 && static_cast<unsigned char>(path[i + 1]) < 0xa0);
+    if (length == 0 || is_control) {
       char escaped[8];
       std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
       text += escaped;

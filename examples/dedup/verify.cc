@@ -60,6 +60,7 @@ std::string Verify::find_problem(const NumberedFile& file) {
 }
 
 void Verify::check_container(const NumberedFile& file) {
+  progress_.add_file();
   const std::string problem = find_problem(file);
   if (problem.empty()) return;
   progress_.clear();

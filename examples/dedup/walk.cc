@@ -1,82 +1,116 @@
 #include "walk.h"
 
-#include <kel/logging.h>
-
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstring>
-#include <filesystem>
+#include <memory>
 #include <vector>
 
-#include "text.h"
+#include "descriptor.h"
 
 namespace dedup {
 namespace {
 
-/// The names in a folder; false with errno when it cannot be read.
-bool list_names(const std::string& folder, std::vector<std::string>& names) {
-  std::error_code error;
-  std::filesystem::directory_iterator at(folder, error);
-  for (; !error && at != std::filesystem::directory_iterator(); at.increment(error))
-    names.push_back(at->path().filename().string());
+/// Far below what a segment of a catalogue can hold.
+constexpr size_t kLongestPath = size_t{1} << 20;
+
+/// The names in an open folder; false with errno when they cannot be read.
+bool list_names(int folder, std::vector<std::string>& names) {
+  Descriptor own(::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const std::unique_ptr<DIR, int (*)(DIR*)> list(::fdopendir(own.get()), ::closedir);
+  if (list == nullptr) return false;
+  own.release();
+  errno = 0;
+  while (const dirent* found = ::readdir(list.get())) {
+    const std::string name = found->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
   std::sort(names.begin(), names.end());
-  errno = error.value();
-  return !error;
+  return errno == 0;
 }
 
-bool read_target(const std::string& path, std::string& target) {
+bool read_target(int folder, const std::string& name, std::string& target) {
   target.resize(PATH_MAX);
-  const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
+  const ssize_t length = ::readlinkat(folder, name.c_str(), target.data(), target.size());
   target.resize(length < 0 ? 0 : static_cast<size_t>(length));
   return length >= 0;
 }
 
 class Walk {
  public:
-  Walk(const std::string& root, const struct stat& excluded, WalkVisitor& visitor)
-      : root_(root), excluded_(excluded), visitor_(visitor) {}
+  Walk(const struct stat& excluded, WalkVisitor& visitor)
+      : excluded_(excluded), visitor_(visitor) {}
 
-  bool enter(const std::string& path) {
-    const std::string full = path.empty() ? root_ : root_ + "/" + path;
-    struct stat status;
-    if (::lstat(full.c_str(), &status) != 0) return skip(full);
-    Entry entry = entry_of(path, status);
-    if (S_ISREG(status.st_mode)) return visitor_.file(entry, full);
-    if (S_ISLNK(status.st_mode))
-      return read_target(full, entry.target) ? visitor_.link(entry) : skip(full);
-    if (S_ISDIR(status.st_mode)) {
-      const bool is_excluded =
-          status.st_dev == excluded_.st_dev && status.st_ino == excluded_.st_ino;
-      return is_excluded || enter_folder(entry, full);
+  bool run(const std::string& root) {
+    if (!enter_folder(AT_FDCWD, root)) return false;
+    while (!levels_.empty()) {
+      Level& level = levels_.back();
+      path_.resize(level.path_size);
+      if (level.names.empty()) {
+        levels_.pop_back();
+        continue;
+      }
+      const std::string name = std::move(level.names.back());
+      level.names.pop_back();
+      if (!path_.empty()) path_ += '/';
+      path_ += name;
+      if (!enter(level.folder.get(), name)) return false;
     }
-    WarningA(-1, "%s is neither file, folder nor link: not stored", path_text(full).c_str());
     return true;
   }
 
  private:
-  bool enter_folder(const Entry& entry, const std::string& full) {
-    if (!visitor_.folder(entry)) return false;
-    std::vector<std::string> names;
-    if (!list_names(full, names)) return skip(full);
-    for (const std::string& name : names)
-      if (!enter(entry.path.empty() ? name : entry.path + "/" + name)) return false;
+  struct Level {
+    Descriptor folder;
+    std::vector<std::string> names;  ///< still to be visited, the next one last
+    size_t path_size;
+  };
+
+  bool enter(int folder, const std::string& name) {
+    struct stat status;
+    if (path_.size() > kLongestPath) return skip(ENAMETOOLONG);
+    if (::fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return skip(errno);
+    if (S_ISDIR(status.st_mode)) return enter_folder(folder, name);
+    Entry entry = entry_of(path_, status);
+    if (S_ISREG(status.st_mode)) return visitor_.file(entry, folder, name);
+    if (!S_ISLNK(status.st_mode)) return skip(0);
+    return read_target(folder, name, entry.target) ? visitor_.link(entry) : skip(errno);
+  }
+
+  bool enter_folder(int parent, const std::string& name) {
+    Level level{
+        Descriptor(::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)),
+        {},
+        path_.size()};
+    const int error = errno;
+    struct stat status;
+    // One that may not be opened is kept as an empty folder.
+    if (level.folder ? ::fstat(level.folder.get(), &status) != 0
+                     : ::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+      return skip(errno);
+    if (!S_ISDIR(status.st_mode)) return skip(error);
+    if (status.st_dev == excluded_.st_dev && status.st_ino == excluded_.st_ino) return true;
+    if (!visitor_.folder(entry_of(path_, status))) return false;
+    if (!level.folder) return skip(error);
+    if (!list_names(level.folder.get(), level.names)) skip(errno);
+    std::reverse(level.names.begin(), level.names.end());
+    levels_.push_back(std::move(level));
     return true;
   }
 
-  /// Reports what cannot be read, and lets the walk go on.
-  bool skip(const std::string& full) {
-    ErrorA(errno, "could not read %s: %s", path_text(full).c_str(), std::strerror(errno));
-    visitor_.problem();
+  bool skip(int error) {
+    visitor_.problem(path_, error);
     return true;
   }
 
-  const std::string& root_;
   const struct stat& excluded_;
   WalkVisitor& visitor_;
+  std::vector<Level> levels_;
+  std::string path_;
 };
 
 }  // namespace
@@ -93,7 +127,7 @@ Entry entry_of(std::string path, const struct stat& status) {
 }
 
 bool walk(const std::string& root, const struct stat& excluded, WalkVisitor& visitor) {
-  return Walk(root, excluded, visitor).enter("");
+  return Walk(excluded, visitor).run(root);
 }
 
 }  // namespace dedup

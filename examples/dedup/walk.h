@@ -14,17 +14,19 @@ class WalkVisitor {
  public:
   virtual bool folder(const Entry& entry) = 0;
   virtual bool link(const Entry& entry) = 0;
-  /// A regular file at `path`; the visitor opens it itself.
-  virtual bool file(const Entry& entry, const std::string& path) = 0;
-  /// Something could not be read, which was reported; the walk goes on.
-  virtual void problem() = 0;
+  /// A regular file `name` in the open folder; the visitor opens it itself.
+  virtual bool file(const Entry& entry, int folder, const std::string& name) = 0;
+  /// An entry at `path`, below the root, is not stored: it could not be read, for the reason
+  /// `error`, or is of no kind that is kept (0). The walk goes on.
+  virtual void problem(const std::string& path, int error) = 0;
 
  protected:
   ~WalkVisitor() = default;
 };
 
 /// Visits the folder `root` and all below it, except the folder `excluded` with all in it. False
-/// when the visitor ended the walk.
+/// when the visitor ended the walk. Goes from open folder to open folder, so that no path is too
+/// long and no link leads it elsewhere; needs a descriptor for each level.
 bool walk(const std::string& root, const struct stat& excluded, WalkVisitor& visitor);
 
 /// What is kept of a file of that status.

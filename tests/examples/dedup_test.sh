@@ -1,0 +1,246 @@
+#!/usr/bin/env bash
+# One scenario of kel-dedup.
+# Usage: dedup_test.sh PROGRAM SCENARIO SCALE    (SCALE: how much data, 1 to 4)
+set -euo pipefail
+program=$(realpath "$1")
+scale=$3
+work=$(mktemp -d)
+trap 'chmod -R u+rwX "$work"; rm -rf "$work"' EXIT
+cd "$work"
+export LC_ALL=C
+
+fail() {
+  echo "FAILED: $*" >&2
+  [ ! -s log ] || sed 's/^/  /' log >&2
+  exit 1
+}
+
+# expect STATUS ARGUMENT...: runs kel-dedup; what it prints is in `log`.
+expect() {
+  local wanted=$1 status=0
+  shift
+  "$program" "$@" >log 2>&1 || status=$?
+  [ "$status" -eq "$wanted" ] || fail "kel-dedup $* gave $status instead of $wanted"
+}
+
+# says TEXT: the last run printed it.
+says() { grep -qF -- "$1" log || fail "it did not print: $1"; }
+
+# row NAME: the number in a row of the table that a store prints.
+row() { awk -v name="$1" '$1 == name { print $2 }' log; }
+
+# without_rights COMMAND...: runs it with the rights of its user and none of root's.
+without_rights() {
+  if [ "$(id -u)" -eq 0 ]; then setpriv --bounding-set -all "$@"; else "$@"; fi
+}
+
+random() { head -c "$1" /dev/urandom; }
+fingerprints() { (cd "$1" && find . -printf '%y %m %U %G %T@ %l %p\0' | sort -z | sha256sum); }
+
+expect_same() {
+  diff -r --no-dereference "$1" "$2" >log 2>&1 || fail "$2 differs from $1"
+  [ "$(fingerprints "$1")" = "$(fingerprints "$2")" ] || fail "modes, times or links differ"
+}
+
+# Every file below RESTORED is what it was; some may be missing.
+expect_no_wrong_file() {
+  local path
+  while IFS= read -r -d '' path; do
+    cmp -s "$1/$path" "$2/$path" || fail "$2/$path was restored wrongly"
+  done < <(cd "$2" && find . -type f -print0)
+}
+
+make_data_tree() {
+  mkdir -p tree/sub
+  random $((scale * 1500000)) >tree/random
+  seq $((scale * 100000)) >tree/sub/numbers
+  for i in $(seq 40); do random $((i * 97)) >"tree/sub/small$i"; done
+}
+
+BringsATreeBack() {
+  mkdir tree && cd tree
+  for size in 0 1 4095 4096 4097 65535 65536 65537 1048576 $((scale * 1300000)); do
+    random $size >"size$size"
+  done
+  cp size65537 copy && ln copy hard-link
+  truncate -s 30M sparse && echo end >>sparse && truncate -s 20M hole
+  touch ./-dash ' space ' '...' $'new\nline' $'\xff\xfe' $'\e[31m' "$(printf '%0255d' 0)"
+  ln -s nowhere dangling && ln -s / absolute && ln -s loop loop && ln -s . here
+  ln -s "$(printf '%04000d' 0)" long-link
+  mkdir -p empty a/b/c sticky locked/inside && echo x >locked/inside/file
+  mkfifo pipe
+  echo s >setuid && chmod 6755 setuid && chmod 1777 sticky && chmod 0200 size1
+  touch -d '1901-12-14 01:02:03.123456789' size0 && touch -d '2100-01-01' empty
+  touch -h -d '1999-09-09' dangling
+  chmod 0555 locked/inside locked && touch -d '2001-01-01' a locked .
+  cd ..
+  # The repository lies in the tree and is left out.
+  expect 0 store tree/repo tree && says 'pipe is neither file, folder nor link'
+  expect 0 restore tree/repo latest out
+  expect 0 verify tree/repo
+  mv tree/repo . && rm tree/pipe && touch -d '2001-01-01' tree
+  touch -d '2001-01-01' out
+  expect_same tree out
+  [ "$(du -k out/hole out/sparse | awk '{ n += $1 } END { print n }')" -lt 1000 ] || fail 'no holes'
+  expect 1 restore repo latest out && says 'name a new or an empty folder'
+  expect 1 restore repo 9 out9 && says 'no snapshot 9'
+  expect 1 store repo repo && says 'it is the repository itself'
+  expect 1 store tree/a/.. repo && says 'other things than a repository'
+
+  # Deeper than any path may be long.
+  mkdir deep && (
+    cd -P deep
+    for i in $(seq 30); do mkdir "$(printf '%0200d' "$i")" && cd -P ./0* && echo "$i" >file; done
+  )
+  expect 0 store repo deep && expect 0 restore repo latest deep-out
+  [ "$(fingerprints deep)" = "$(fingerprints deep-out)" ] || fail 'the deep tree differs'
+  [ "$(find deep-out -name file -execdir cat {} \; | sort -n | tail -n 1)" = 30 ] || fail 'no file 30'
+}
+
+StoresEachChunkOnce() {
+  make_data_tree
+  expect 0 store repo tree
+  [ "$(row new)" -gt $((scale * 50)) ] || fail 'too few chunks'
+  expect 0 store repo tree
+  [ "$(row new)" -eq 0 ] && [ "$(row chunks)" -gt 0 ] || fail 'a second store added chunks'
+  local size=$((scale * 1500000))
+  { head -c $((size / 3)) tree/random && echo inserted && tail -c +$((size / 3 + 1)) tree/random; } >t
+  mv t tree/random
+  expect 0 store repo tree
+  [ "$(row new)" -ge 1 ] && [ "$(row new)" -le 4 ] || fail "an insertion made $(row new) new chunks"
+  expect 0 restore repo 3 out && expect_same tree out
+  cmp -s out/random <(head -c 1000000000 tree/random) || fail 'the changed file differs'
+  expect 0 list repo && [ "$(wc -l <log)" -eq 4 ] || fail 'there should be three snapshots'
+  expect 1 store repo /nowhere && says 'could not store /nowhere'
+}
+
+# damage_one FILE: FILE of the repository is damaged; that is found and leads to nothing wrong.
+damage_one() {
+  expect 1 verify repo && says "$1"
+  rm -rf out && expect 1 restore repo 1 out && says "$1"
+  [ ! -d out ] || expect_no_wrong_file tree out
+}
+
+ReportsDamage() {
+  make_data_tree
+  expect 0 store repo tree
+  cp -a repo whole
+  local file size at byte
+  for file in whole/containers/* whole/snapshots/*; do
+    file=${file#whole/}
+    size=$(stat -c %s "whole/$file")
+    for at in 0 9 17 25 40 $((size / 3)) $((RANDOM * 31 % size)) $((size - 20)) $((size - 1)); do
+      byte=$(od -An -tu1 -j "$at" -N 1 "whole/$file")
+      printf "\\x$(printf %x $((byte ^ (1 << RANDOM % 8))))" |
+        dd of="repo/$file" bs=1 seek="$at" conv=notrunc status=none
+      damage_one "repo/$file"
+      cp -a "whole/$file" "repo/$file"
+    done
+    for at in 0 7 20 $((size / 2)) $((size - 1)); do
+      truncate -s "$at" "repo/$file" && damage_one "repo/$file"
+      cp -a "whole/$file" "repo/$file"
+    done
+    echo more >>"repo/$file" && damage_one "repo/$file"
+    cp -a "whole/$file" "repo/$file"
+  done
+
+  # The advice: what is moved away is stored again.
+  mv repo/containers/00000001.kdc away
+  expect 1 verify repo && says 'cannot be restored'
+  rm -rf out && expect 1 restore repo 1 out && expect_no_wrong_file tree out
+  expect 0 store repo tree && [ "$(row new)" -gt 0 ] || fail 'nothing was stored again'
+  expect 0 verify repo
+  rm -rf out && expect 0 restore repo 1 out && expect_same tree out
+}
+
+SurvivesBeingKilled() {
+  make_data_tree
+  for round in $(seq $((scale * 6))); do
+    random 1200000 >"tree/round$((round % 3))"
+    "$program" store repo tree >/dev/null 2>&1 &
+    sleep "0.$(printf %03d $((RANDOM % 100 + 1)))"
+    kill -9 $! 2>/dev/null || true
+    wait $! 2>/dev/null || true
+    # Before the first store came far there is no repository; afterwards it is always whole.
+    [ ! -e repo/format ] || expect 0 verify repo
+  done
+  expect 0 store repo tree
+  [ -z "$(ls repo/tmp)" ] || fail 'something was left in tmp'
+  expect 0 verify repo && expect 0 restore repo latest out && expect_same tree out
+
+  # A file cannot grow beyond the limit, as on a full disk.
+  random 3000000 >tree/more
+  (trap '' XFSZ && ulimit -f 400 && expect 1 store repo tree && says 'make room and store again')
+  expect 0 verify repo && expect 0 store repo tree
+  rm -rf out && expect 0 restore repo latest out && expect_same tree out
+}
+
+RefusesAWrongKey() {
+  make_data_tree
+  expect 0 store repo tree && expect 0 store other tree
+  [ "$(stat -c %a repo/key)" = 600 ] || fail 'others may read the key'
+  ! grep -rqF 'small1' repo || fail 'a name can be read in the repository'
+  cp repo/key key
+  for wrong in "$(cat other/key)" "$(tr '0-9a' '1-9a0' <key)" "$(head -c 63 key)" 'no key'; do
+    echo "$wrong" >repo/key
+    for command in 'verify repo' 'list repo' 'restore repo 1 out' 'store repo tree'; do
+      # shellcheck disable=SC2086
+      expect 1 $command && says 'repo/key'
+    done
+  done
+  rm repo/key && expect 1 store repo tree && says 'repo/key'
+  [ ! -e out ] && [ ! -e repo/key ] || fail 'something was made without the key'
+  cp key repo/key && chmod 600 repo/key && expect 0 verify repo
+  chmod 644 repo/key && expect 0 list repo && says 'others may read'
+  rm repo/format && expect 1 store repo tree && says 'format is missing'
+}
+
+SharesARepository() {
+  make_data_tree
+  expect 0 store repo tree
+  exec 9<repo/lock && flock 9
+  expect 1 store repo tree && says 'another store is running'
+  expect 0 verify repo && expect 0 list repo
+  exec 9<&-
+  chmod -R a-w repo
+  without_rights "$program" list repo >log || fail 'list needs to write'
+  without_rights "$program" verify repo >log || fail 'verify needs to write'
+  without_rights "$program" restore repo 1 out >log || fail 'restore needs to write'
+  expect_same tree out
+  ! "$program" list repo >/dev/full 2>log || fail 'lost output was not noticed'
+}
+
+ReportsWhatItCannotStore() {
+  make_data_tree
+  mkdir tree/closed && chmod 000 tree/closed tree/sub/small7
+  ! without_rights "$program" store repo tree >log 2>&1 || fail 'unreadable files went unnoticed'
+  says 'could not read' && says 'tree/closed' && says 'tree/sub/small7'
+  expect 0 list repo && says 'incomplete: 2 problems'
+  expect 0 restore repo latest out && [ ! -e out/sub/small7 ] && [ -d out/closed ] || fail 'odd result'
+  cmp -s tree/random out/random || fail 'the rest is not there'
+  chmod 755 tree/closed && chmod 644 tree/sub/small7
+
+  random $((scale * 5000000)) >tree/growing
+  (while :; do echo more >>tree/growing; done) &
+  local writer=$! seen=
+  for _ in $(seq 20); do
+    "$program" store repo tree >log 2>&1 || true
+    if grep -q 'growing changed while it was read' log; then seen=yes && break; fi
+  done
+  kill $writer && wait $writer 2>/dev/null || true
+  [ -n "$seen" ] || fail 'a file that grew was not noticed'
+  expect 0 verify repo
+}
+
+ShowsProgressOnTerminals() {
+  make_data_tree
+  "$program" store repo tree 2>log >/dev/null
+  [ ! -s log ] || fail 'a line of progress in a pipe'
+  for command in 'store repo tree' 'verify repo' 'restore repo latest out'; do
+    script -qec "$program $command" /dev/null </dev/null >log || fail "$command failed on a terminal"
+    grep -qE '(storing|verifying|restoring) [0-9]+ files, .*/s' log || fail "no progress of $command"
+    grep -qF $'\r\e[K' log || fail "the line of $command stays"
+  done
+}
+
+"$2"

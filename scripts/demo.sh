@@ -1,28 +1,38 @@
 #!/usr/bin/env bash
-# Shows the library at work: stores /usr/include in a deduplicating repository, stores it again (nothing
-# new), restores it and compares.
+# Shows the library at work on real data: sets up, builds, stores a folder in a deduplicating repository,
+# stores it again (nothing new), verifies, restores and compares. Ends with 0 only when all is the same.
 # Usage: scripts/demo.sh [DIRECTORY]    (default: /usr/include)
 set -euo pipefail
+source_dir=$(realpath -e "${1:-/usr/include}")
 cd "$(dirname "$0")/.."
-source_dir=$(realpath "${1:-/usr/include}")
+
+echo "== Set up and build (the first time takes a minute or two)"
 scripts/setup.sh build
 cmake --preset release >/dev/null
 cmake --build --preset release --target kel-dedup
 
 dedup=build/release/examples/dedup/kel-dedup
 work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+trap 'chmod -R u+rwX "$work"; rm -rf "$work"' EXIT
 
-echo "== store $source_dir"
+echo
+echo "== Store $source_dir: cut into chunks, each kept once, compressed and encrypted"
 "$dedup" store "$work/repo" "$source_dir"
-echo "== store it again"
+echo
+echo "== Store it again: every chunk is known, nothing is added"
 "$dedup" store "$work/repo" "$source_dir"
-echo "== snapshots"
+echo
+echo "== The snapshots in the repository"
 "$dedup" list "$work/repo"
-echo "== verify"
+echo
+echo "== Verify: read everything, compute every fingerprint anew"
 "$dedup" verify "$work/repo"
-echo "== restore and compare"
+echo
+echo "== Restore the latest snapshot and compare it with the original"
 "$dedup" restore "$work/repo" latest "$work/restored"
-diff -r --no-dereference "$source_dir" "$work/restored"
+if ! diff -r --no-dereference "$source_dir" "$work/restored"; then
+  echo "FAILED: the restored copy differs from $source_dir" >&2
+  exit 1
+fi
 echo "identical: $source_dir and its restored copy"
-echo "on disk: $(du -sh "$source_dir" | cut -f1) in the tree, $(du -sh "$work/repo" | cut -f1) in the repository"
+echo "on disk: $(du -sh "$source_dir" | cut -f1) the folder, $(du -sh "$work/repo" | cut -f1) the repository"

@@ -182,12 +182,14 @@ void Store::print_summary(uint32_t number) {
     std::printf("%-10s %12lu  %12s\n", name, static_cast<unsigned long>(count), size.c_str());
   };
   const double megabytes = static_cast<double>(summary_.bytes) / 1e6;
-  std::printf("snapshot   %12u\n", number);
+  std::printf("snapshot %u of %s\n", number, path_text(summary_.source).c_str());
+  std::printf("%-10s %12s  %12s\n", "", "count", "bytes");
   row("files", summary_.files, size_text(summary_.bytes));
   row("folders", summary_.folders, "");
   row("links", summary_.links, "");
   row("chunks", summary_.chunks, size_text(summary_.bytes));
   row("new", summary_.new_chunks, size_text(summary_.new_bytes));
+  // What the new chunks take in the repository, compressed and encrypted.
   std::printf("%-10s %12s  %12s\n", "stored", "", size_text(summary_.stored_bytes).c_str());
   std::printf("%-10s %12.0f  %12s\n", "speed", megabytes / (progress_.seconds() + 1e-9), "MB/s");
 }

@@ -37,13 +37,12 @@ bool CatalogueWriter::end_file(uint64_t size, bool complete) {
 bool CatalogueWriter::flush_when_full() { return records_.size() < kSegmentSize || flush(); }
 
 bool CatalogueWriter::flush() {
-  const bool written = file_.append(Tag::kEntries, records_.bytes(), true);
+  const bool written = file_.append(Tag::kEntries, records_.bytes());
   records_.clear();
   return written;
 }
 
-bool CatalogueWriter::commit(const Summary& summary, const std::string& directory,
-                             const std::string& name) {
+bool CatalogueWriter::commit(const Summary& summary, const std::string& directory) {
   if (!flush()) return false;
   records_.number(summary.time);
   records_.text(summary.source);
@@ -51,7 +50,7 @@ bool CatalogueWriter::commit(const Summary& summary, const std::string& director
        {summary.files, summary.folders, summary.links, summary.bytes, summary.chunks,
         summary.new_chunks, summary.new_bytes, summary.stored_bytes, summary.problems})
     records_.number(value);
-  return file_.append(Tag::kSummary, records_.bytes(), true) && file_.commit(directory, name);
+  return file_.append(Tag::kSummary, records_.bytes()) && file_.commit(directory);
 }
 
 std::nullopt_t CatalogueReader::damaged() {
@@ -63,7 +62,7 @@ std::optional<Item> CatalogueReader::next() {
   // What follows damage would come without what it belongs to.
   if (!problem().empty()) return std::nullopt;
   while (records_.left() == 0) {
-    const auto tag = file_.read_any(true);
+    const auto tag = file_.read_any();
     if (!tag) return std::nullopt;
     records_ = RecordReader(file_.content());
     if (*tag == Tag::kSummary) {
@@ -118,7 +117,7 @@ bool CatalogueReader::parse_summary() {
 }
 
 bool CatalogueReader::read_summary() {
-  if (!file_.go_to_last() || !file_.read(Tag::kSummary, true)) return false;
+  if (!file_.go_to_last() || !file_.read(Tag::kSummary)) return false;
   records_ = RecordReader(file_.content());
   if (parse_summary()) return true;
   damaged();

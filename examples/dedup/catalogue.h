@@ -55,8 +55,8 @@ class CatalogueWriter {
   bool add_chunk(const Fingerprint& chunk, uint32_t length);
   /// Ends a file of `size` bytes; `complete` is false when not all of it could be read.
   bool end_file(uint64_t size, bool complete);
-  /// Writes the summary and makes the catalogue visible.
-  bool commit(const Summary& summary, const std::string& directory, const std::string& name);
+  /// Writes the summary and makes the catalogue visible in `directory`.
+  bool commit(const Summary& summary, const std::string& directory);
 
  private:
   bool flush_when_full();

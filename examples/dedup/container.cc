@@ -1,7 +1,7 @@
 // The content of a container's two segments:
 //
-//   table  u32 count, then for each chunk: fingerprint, u32 offset, u32 length; sealed
-//   data   the chunks; not sealed, their fingerprints say whether they are right
+//   table  u32 count, then for each chunk: fingerprint, u32 offset, u32 length
+//   data   the chunks
 #include "container.h"
 
 #include <kel/logging.h>
@@ -34,7 +34,7 @@ bool parse_table(Bytes content, std::vector<StoredChunk>& table) {
 
 bool read_table_segment(SegmentReader& file, std::vector<StoredChunk>& table,
                         std::string& problem) {
-  if (!file.open() || !file.read(Tag::kTable, true)) {
+  if (!file.open() || !file.read(Tag::kTable)) {
     problem = file.problem();
     return false;
   }
@@ -86,9 +86,9 @@ bool ContainerWriter::write(const Content& content) {
   }
   const std::string name = Repository::container_name(content.number);
   const bool written = file_.create(repository_.temporaries() + "/" + name) &&
-                       file_.append(Tag::kTable, table.bytes(), true) &&
-                       file_.append(Tag::kData, content.data, false) &&
-                       file_.commit(repository_.containers(), name);
+                       file_.append(Tag::kTable, table.bytes()) &&
+                       file_.append(Tag::kData, content.data) &&
+                       file_.commit(repository_.containers());
   stored_bytes_ += file_.size();
   return written;
 }
@@ -107,7 +107,7 @@ bool read_container(const Repository& repository, const std::string& path,
                     std::string& problem) {
   SegmentReader file(repository.key(), path);
   if (!read_table_segment(file, table, problem)) return false;
-  if (!file.read(Tag::kData, false)) {
+  if (!file.read(Tag::kData)) {
     problem = file.problem();
     return false;
   }

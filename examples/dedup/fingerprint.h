@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <span>
 
 namespace dedup {
@@ -18,15 +19,18 @@ struct Fingerprint {
   friend bool operator==(const Fingerprint&, const Fingerprint&) = default;
 };
 
-/// Of at most 4 GiB, as the library takes it.
-inline Fingerprint fingerprint_of(Bytes data) {
+/// The fingerprint of all `pieces`, one behind the other.
+inline Fingerprint fingerprint_of(std::initializer_list<Bytes> pieces) {
   SHA256Context context;
   SHA256Initialize(&context);
-  SHA256Append(&context, data.data(), static_cast<uint32_t>(data.size()));
+  for (const Bytes piece : pieces)
+    if (!piece.empty()) SHA256Append(&context, piece.data(), piece.size());
   SHA256Finalize(&context);
   Fingerprint result;
   std::memcpy(result.bytes.data(), context.digest, result.bytes.size());
   return result;
 }
+
+inline Fingerprint fingerprint_of(Bytes data) { return fingerprint_of({data}); }
 
 }  // namespace dedup

@@ -1,12 +1,15 @@
 // The layout of a file:
 //
 //   8 bytes   "KDFILE1\n"
-//   segments  u64 size of the stream, u64 size of its payload, the stream
-//   end       u64 0, u64 0
+//   segments  u64 size of the stream, u64 size of its payload, the seal, the stream
+//   end       u64 0, u64 0, the seal
 //
-// A payload is a tag (4 bytes), the content, and, when sealed, the fingerprint of all before it.
+// A payload is a tag (4 bytes) and the content. A seal is the fingerprint of the key, the file's
+// name, the segment's place in it, both sizes and the stream: without the key nobody can make one,
+// so that a reader finds not only damage but also what somebody else has written or moved.
 #include "segment_file.h"
 
+#include <kel/crypt.h>
 #include <kel/logging.h>
 #include <kel/safeio.h>
 
@@ -22,22 +25,23 @@ namespace dedup {
 namespace {
 
 constexpr unsigned char kMark[8] = {'K', 'D', 'F', 'I', 'L', 'E', '1', '\n'};
-constexpr uint64_t kFrameSize = 16;
-constexpr size_t kWindow = size_t{256} << 10;
+constexpr uint64_t kFrameSize = 16 + sizeof(Fingerprint);
 constexpr unsigned char kCipher = 3;  // AES-256-CTR
 constexpr int kComplete = 1;          // the result of a finished stream
 
-RecordWriter make_frame(uint64_t stream, uint64_t payload) {
-  RecordWriter frame;
-  frame.number(stream);
-  frame.number(payload);
-  return frame;
+Fingerprint seal_of(const KelKey& key, const std::string& path, uint64_t offset, Bytes stream,
+                    uint64_t payload) {
+  RecordWriter place;
+  place.text(path.substr(path.rfind('/') + 1));
+  place.number(offset);
+  place.number(static_cast<uint64_t>(stream.size()));
+  place.number(payload);
+  return fingerprint_of({{key.Bytes(), KelKey::kLength}, place.bytes(), stream});
 }
 
 }  // namespace
 
 SegmentWriter::~SegmentWriter() {
-  if (stream_.state != nullptr) dcpEncryptEnd(&stream_);
   if (file_) ::unlink(path_.c_str());
 }
 
@@ -61,52 +65,33 @@ bool SegmentWriter::write(Bytes bytes) {
   return false;
 }
 
-bool SegmentWriter::append(Tag tag, Bytes content, bool sealed) {
+bool SegmentWriter::append(Tag tag, Bytes content) {
   RecordWriter head;
   head.number(static_cast<uint32_t>(tag));
   payload_.assign(head.bytes().begin(), head.bytes().end());
   payload_.insert(payload_.end(), content.begin(), content.end());
-  if (sealed) {
-    const Fingerprint seal = fingerprint_of(payload_);
-    payload_.insert(payload_.end(), seal.bytes.begin(), seal.bytes.end());
-  }
-  // The size of the stream is known when it has been written.
-  const uint64_t frame_at = size_;
-  if (!write(make_frame(0, 0).bytes()) || !write_stream(payload_)) return false;
-  const uint64_t stream_size = size_ - frame_at - kFrameSize;
-  const RecordWriter frame = make_frame(stream_size, payload_.size());
-  const auto offset = static_cast<off_t>(frame_at);
-  if (safe_pwrite(file_.get(), frame.bytes().data(), frame.size(), offset) ==
-      static_cast<ssize_t>(frame.size()))
-    return true;
-  ErrorA(errno, "could not write %s: %s", path_.c_str(), std::strerror(errno));
-  return false;
+  // As much as a stream can have, by the library's own measure.
+  stream_.resize(payload_.size() + payload_.size() / 16 + 128);
+  const long size = dcpEncryptDataToBuffer(key_, kCipher, payload_.data(), payload_.size(),
+                                           stream_.data(), stream_.size(), 0);
+  return size > 0 && write_frame(Bytes(stream_).first(static_cast<size_t>(size)), payload_.size());
 }
 
-bool SegmentWriter::write_stream(Bytes payload) {
-  window_.resize(kWindow);
-  int code = stream_.state == nullptr ? dcpEncryptInit(&stream_, 0, key_, kCipher)
-                                      : dcpEncryptReset(&stream_, key_, kCipher);
-  stream_.next_in = payload.data();
-  stream_.avail_in = static_cast<unsigned>(payload.size());
-  while (code == 0) {
-    stream_.next_out = window_.data();
-    stream_.avail_out = static_cast<unsigned>(window_.size());
-    code = dcpEncrypt(&stream_);
-    if (code >= 0 && !write({window_.data(), window_.size() - stream_.avail_out})) return false;
-  }
-  if (code == kComplete) return true;
-  ErrorA(code, "could not encrypt for %s: %s", path_.c_str(), dcpCryptError(code));
-  return false;
+bool SegmentWriter::write_frame(Bytes stream, uint64_t payload) {
+  RecordWriter frame;
+  frame.number(static_cast<uint64_t>(stream.size()));
+  frame.number(payload);
+  frame.fingerprint(seal_of(key_, path_, size_, stream, payload));
+  return write(frame.bytes()) && write(stream);
 }
 
-bool SegmentWriter::commit(const std::string& directory, const std::string& name) {
-  if (!write(make_frame(0, 0).bytes())) return false;
+bool SegmentWriter::commit(const std::string& directory) {
+  if (!write_frame({}, 0)) return false;
   if (safe_fsync(file_.get()) != 0) {
     ErrorA(errno, "could not flush %s: %s", path_.c_str(), std::strerror(errno));
     return false;
   }
-  const std::string final_path = directory + "/" + name;
+  const std::string final_path = directory + path_.substr(path_.rfind('/'));
   if (rename_dirfsync(path_.c_str(), final_path.c_str(), directory.c_str(), false) != 0)
     return false;
   file_.close();
@@ -144,6 +129,7 @@ std::optional<SegmentReader::Frame> SegmentReader::read_frame() {
   RecordReader reader(bytes);
   const auto stream = reader.number<uint64_t>();
   const auto payload = reader.number<uint64_t>();
+  const Fingerprint seal = reader.fingerprint();
   const uint64_t left = size_ - offset_ - kFrameSize;
   if (payload > kLargestPayload || stream > 2 * kLargestPayload ||
       (stream == 0) != (payload == 0)) {
@@ -154,15 +140,22 @@ std::optional<SegmentReader::Frame> SegmentReader::read_frame() {
     fails("is truncated");
     return std::nullopt;
   }
-  return Frame{stream, payload};
+  return Frame{stream, payload, seal};
 }
 
-bool SegmentReader::decode(const Frame& frame) {
+/// Reads the stream of a frame and checks the seal over both.
+bool SegmentReader::check_seal(const Frame& frame) {
   stream_bytes_.resize(frame.stream);
   if (safe_pread(file_.get(), stream_bytes_.data(), stream_bytes_.size(),
                  static_cast<off_t>(offset_ + kFrameSize)) !=
       static_cast<ssize_t>(stream_bytes_.size()))
     return fails("cannot be read");
+  return frame.seal == seal_of(key_, path_, offset_, stream_bytes_, frame.payload) ||
+         fails("is damaged: a segment does not match its seal");
+}
+
+bool SegmentReader::decode(const Frame& frame) {
+  if (!check_seal(frame)) return false;
   // Room beyond the payload lets the reader come to the stream's end in one call.
   payload_.resize(frame.payload + 64);
   c_stream_t stream = {};
@@ -181,36 +174,21 @@ bool SegmentReader::decode(const Frame& frame) {
   return true;
 }
 
-std::optional<Tag> SegmentReader::read_any(bool sealed) {
+std::optional<Tag> SegmentReader::read_any() {
   const auto frame = read_frame();
   if (!frame) return std::nullopt;
-  if (frame->stream == 0) {
+  if (frame->payload < kTagSize) {
     fails("is damaged: a segment is missing");
     return std::nullopt;
   }
   if (!decode(*frame)) return std::nullopt;
   offset_ += kFrameSize + frame->stream;
-
-  Bytes whole = payload_;
-  constexpr size_t kSealSize = sizeof(Fingerprint);
-  if (whole.size() < kTagSize + (sealed ? kSealSize : 0)) {
-    fails("is damaged: a segment is too small");
-    return std::nullopt;
-  }
-  if (sealed) {
-    RecordReader seal(whole.last(kSealSize));
-    whole = whole.first(whole.size() - kSealSize);
-    if (seal.fingerprint() != fingerprint_of(whole)) {
-      fails("is damaged: a segment does not match its fingerprint");
-      return std::nullopt;
-    }
-  }
-  content_ = whole.subspan(kTagSize);
-  return static_cast<Tag>(RecordReader(whole).number<uint32_t>());
+  content_ = Bytes(payload_).subspan(kTagSize);
+  return static_cast<Tag>(RecordReader(payload_).number<uint32_t>());
 }
 
-bool SegmentReader::read(Tag tag, bool sealed) {
-  const auto found = read_any(sealed);
+bool SegmentReader::read(Tag tag) {
+  const auto found = read_any();
   if (!found) return false;
   return *found == tag || fails("is damaged: a segment is not what it should be");
 }
@@ -239,6 +217,7 @@ bool SegmentReader::at_end() {
   const auto frame = read_frame();
   if (!frame) return false;
   if (frame->stream != 0) return fails("is damaged: a segment too many");
+  if (!check_seal(*frame)) return false;
   return offset_ + kFrameSize == size_ || fails("is damaged: something follows its end");
 }
 

@@ -1,9 +1,9 @@
 // Files of the repository: a mark, then segments, each an archive stream (LZO, AES-256-CTR) behind
-// its sizes, then an end. A file is written under a temporary name and appears whole or not at all.
+// its sizes and a seal, then an end. A file is written under a temporary name and appears whole or
+// not at all.
 #pragma once
 
 #include <kel/cipher.h>
-#include <kel/crypt.h>
 
 #include <optional>
 #include <string>
@@ -33,27 +33,24 @@ class SegmentWriter {
   SegmentWriter(const SegmentWriter&) = delete;
   SegmentWriter& operator=(const SegmentWriter&) = delete;
 
-  /// Starts the file under `temporary`.
+  /// Starts the file under `temporary`, a path that ends in the name it will have.
   bool create(const std::string& temporary);
-  /// Appends a segment. `sealed` adds a fingerprint by which a reader finds any damage; data that
-  /// have fingerprints of their own need none.
-  bool append(Tag tag, Bytes content, bool sealed);
-  /// Makes the file durable, and then visible as `directory`/`name`.
-  bool commit(const std::string& directory, const std::string& name);
+  bool append(Tag tag, Bytes content);
+  /// Makes the file durable, and then visible in `directory`.
+  bool commit(const std::string& directory);
 
   uint64_t size() const { return size_; }
 
  private:
   bool write(Bytes bytes);
-  bool write_stream(Bytes payload);
+  bool write_frame(Bytes stream, uint64_t payload);
 
   const KelKey& key_;
-  c_stream_t stream_ = {};
   Descriptor file_;
   std::string path_;
   uint64_t size_ = 0;
   std::vector<unsigned char> payload_;
-  std::vector<unsigned char> window_;
+  std::vector<unsigned char> stream_;
 };
 
 /// Reads a file segment by segment. Problems of the file are not reported but described by
@@ -64,9 +61,9 @@ class SegmentReader {
 
   bool open();
   /// Reads the next segment, which has to be a `tag`, into `payload`; content() is what it holds.
-  bool read(Tag tag, bool sealed);
+  bool read(Tag tag);
   /// As read(), for a segment of either tag.
-  std::optional<Tag> read_any(bool sealed);
+  std::optional<Tag> read_any();
   /// Goes past the next segment without reading it; false at the end or on a problem.
   bool skip();
   /// Goes past all segments but the last; false on a problem.
@@ -82,8 +79,10 @@ class SegmentReader {
  private:
   struct Frame {
     uint64_t stream, payload;
+    Fingerprint seal;
   };
   std::optional<Frame> read_frame();
+  bool check_seal(const Frame& frame);
   bool decode(const Frame& frame);
   bool fails(std::string problem);
 

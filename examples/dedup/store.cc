@@ -90,7 +90,7 @@ bool Store::run(const std::string& source, uint32_t number) {
   progress_.clear();
   if (!walked || !containers_.finish()) return false;
   summary_.stored_bytes = containers_.stored_bytes();
-  return catalogue_.commit(summary_, repository_.snapshots(), name);
+  return catalogue_.commit(summary_, repository_.snapshots());
 }
 
 std::string Store::full_path(const std::string& path) const {

@@ -66,7 +66,7 @@ BringsATreeBack() {
   ln -s "$(printf '%04000d' 0)" long-link
   mkdir -p empty a/b/c sticky locked/inside && echo x >locked/inside/file
   mkfifo pipe
-  echo s >setuid && chmod 6755 setuid && chmod 1777 sticky && chmod 0200 size1
+  echo s >setuid && chmod 6755 setuid && chmod 1777 sticky && chmod 0400 size1
   touch -d '1901-12-14 01:02:03.123456789' size0 && touch -d '2100-01-01' empty
   touch -h -d '1999-09-09' dangling
   chmod 0555 locked/inside locked && touch -d '2001-01-01' a locked .
@@ -126,14 +126,14 @@ ReportsDamage() {
   for file in whole/containers/* whole/snapshots/*; do
     file=${file#whole/}
     size=$(stat -c %s "whole/$file")
-    for at in 0 9 17 25 40 $((size / 3)) $((RANDOM * 31 % size)) $((size - 20)) $((size - 1)); do
+    for at in 0 14 30 66 $((RANDOM * 31 % size)) $((size - 20)); do
       byte=$(od -An -tu1 -j "$at" -N 1 "whole/$file")
       printf "\\x$(printf %x $((byte ^ (1 << RANDOM % 8))))" |
         dd of="repo/$file" bs=1 seek="$at" conv=notrunc status=none
       damage_one "repo/$file"
       cp -a "whole/$file" "repo/$file"
     done
-    for at in 0 7 20 $((size / 2)) $((size - 1)); do
+    for at in 0 20 $((size / 2)) $((size - 1)); do
       truncate -s "$at" "repo/$file" && damage_one "repo/$file"
       cp -a "whole/$file" "repo/$file"
     done

@@ -56,8 +56,8 @@
 #define KEL_LOG_TIME_ONLY 0x800000   /**< the date is shortened to the time of day */
 /** @} */
 
-/** @name Extended levels of one component: enabled by #KEL_LOG_INFO, long date, labels of their
- * own. @{ */
+/** @name Extended levels of one component
+ * Enabled by #KEL_LOG_INFO; labels of their own, and the long date. @{ */
 #define KEL_LOG_YARL_ERROR 0x2000000
 #define KEL_LOG_YARL_INFO 0x4000000
 #define KEL_LOG_YARL_DEBUG 0x8000000
@@ -186,7 +186,10 @@ KEL_API int kelLogSetFlags(int flags, int syslogFlags);
 KEL_API void kelLogGetFlags(int* flags, int* syslogFlags);
 /** This thread's log file, or "(null)". */
 KEL_API const char* kelLogPathA(void);
-/** Sets this thread's redirector; null removes it. */
+/**
+ * Sets this thread's redirector; null removes it. Threads that begin to report later take over the
+ * redirector and the base code that the owning thread had at its last kelLogSet().
+ */
 KEL_API void kelLogSetRedirector(kelLogRedirector redirector);
 /** Sets what is added to every printed code of this thread; returns the value before. */
 KEL_API int kelLogSetBaseCode(int base);

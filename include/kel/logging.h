@@ -163,8 +163,8 @@ KEL_API void kelLogSet(const char* path, int flags, int syslogFlags);
  * Sets this thread's log file and line tag and, on the owning thread, the process's flags.
  *
  * The first call of the process opens the system log when `syslogFlags` is neither 0 nor silent;
- * later calls change the mask only. Takes the log lock; may block up to a second in that first
- * call.
+ * later calls change the mask only. Takes the log lock; that first call may block for two seconds,
+ * after which the system log is given up.
  *
  * @param path         log file, cut at 4,095 characters; null or empty: none. In a path without '/'
  *                     every backslash becomes '/'.

@@ -39,13 +39,15 @@
 #include <stddef.h>
 #include <stdint.h>
 
-/** @name Flags of dcpEncryptInit(); 0: LZO and encryption. @{ */
+/** @name Flags of dcpEncryptInit(); 0: LZO and encryption.
+ * @{ */
 #define KEL_CRYPT_NO_COMPRESSION 0x2
 #define KEL_CRYPT_NO_ENCRYPTION 0x4
 #define KEL_CRYPT_ZLIB 0x40 /**< zlib instead of LZO, when `zalgorithm` is 0 */
 /** @} */
 
-/** @name Values of c_stream_t::zalgorithm. @{ */
+/** @name Values of c_stream_t::zalgorithm.
+ * @{ */
 #define KEL_CRYPT_ALGORITHM_LZO 1
 #define KEL_CRYPT_ALGORITHM_ZLIB 2
 /** @} */

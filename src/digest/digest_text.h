@@ -11,6 +11,7 @@
 #include "internal/bytes.h"
 #include "internal/hex.h"
 #include "internal/report.h"
+#include "internal/text_traits.h"
 
 namespace kel::internal {
 
@@ -114,8 +115,10 @@ template <size_t Size>
 unsigned char* from_string(const DigestFamily<Size>& family, const char* text,
                            unsigned char* digest, const char* function) {
   if (text == nullptr || digest == nullptr) return fail_null<unsigned char*>(nullptr, function);
-  // A text that is too short ends in its terminator, which is no digit.
-  if (deserialize(family, digest, text, family.kTextSize, 0) == 0)
+  // Of a text that is too short nothing may be read behind its terminator, which is no digit.
+  char padded[DigestFamily<Size>::kTextSize + 1] = {};
+  copy_cut(padded, text);
+  if (deserialize(family, digest, padded, family.kTextSize, 0) == 0)
     return fail<unsigned char*>(nullptr, EINVAL, "%s: failed to deserialize %s", function,
                                 family.name);
   return digest;

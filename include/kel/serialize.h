@@ -79,7 +79,8 @@ KEL_API uint32_t* KelUint32InitFromFile(uint32_t* pvalue, FILE* stream, int raw,
 KEL_API uint64_t* KelUint64InitFromFile(uint64_t* pvalue, FILE* stream, int raw, size_t* used);
 /** @} */
 
-/** @name Buffers @{ */
+/** @name Buffers
+ * Always as text. @{ */
 /**
  * Writes the `len` bytes at `data`, at least one, as 2 * `len` lowercase hexadecimal digits without
  * a terminator; returns their number, which `size` must reach.

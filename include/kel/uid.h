@@ -48,7 +48,8 @@ typedef struct KelUID {
 /** Bytes of an identifier: 16. */
 KEL_API size_t KelUIDSize(void);
 
-/** @name Making and removing @{ */
+/** @name Making and removing
+ * Null with a report when that is not possible. @{ */
 /** Marks the identifier as not set; returns it. */
 KEL_API KelUID* KelUIDInit(KelUID* uid);
 /** A new identifier, not set, for KelUIDDelete(); null with ENOMEM. */
@@ -61,7 +62,8 @@ KEL_API KelUID* KelUIDInitCopy(KelUID* dst, const KelUID* src);
 KEL_API KelUID* KelUIDGenerate(KelUID* uid, int version);
 /** @} */
 
-/** @name Questions @{ */
+/** @name Questions
+ * What is not valid is reported. @{ */
 /** The version, 0 or 1; 0 after a report for any other and for null. */
 KEL_API int KelUIDVersionGet(const KelUID* uid);
 /** 1 for a valid identifier, 0 after a report. */
@@ -75,7 +77,8 @@ KEL_API int32_t KelUIDCompare(const KelUID* a, const KelUID* b);
 KEL_API int KelUIDEqual(const KelUID* a, const KelUID* b);
 /** @} */
 
-/** @name Raw and text form @{ */
+/** @name Raw and text form
+ * `raw` non-zero chooses the raw form. @{ */
 /** Bytes of the form, 16 or 32; 0 for an identifier that is not valid. */
 KEL_API size_t KelUIDSerializedSize(const KelUID* uid, int raw);
 /**

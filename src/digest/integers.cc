@@ -37,8 +37,6 @@ uint8_t* KelUint8InitDeserialize(uint8_t* pvalue, const void* src, size_t size, 
 
 uint16_t* KelUint16InitDeserialize(uint16_t* pvalue, const void* src, size_t size, int raw,
                                    size_t* used) {
-  if (raw == 0 && is_readable(pvalue, src, size, false, __func__))
-    return fail_text_of_16_bits<uint16_t*>(nullptr, __func__);
   return deserialize_integer(pvalue, src, size, raw, used, __func__);
 }
 

@@ -27,7 +27,6 @@ struct Decimal {
   size_t length;
 };
 
-/// `failure` after the report that 16 bits have no text form.
 template <class Result>
 Result fail_text_of_16_bits(Result failure, const char* function) {
   return fail(failure, EINVAL, "%s: invalid binary value -- not tested", function);
@@ -82,6 +81,7 @@ size_t parse_raw(T* value, const void* src, size_t size, const char* function) {
 /// Reads the text form; returns the digits used, or 0 with the value 0.
 template <std::unsigned_integral T>
 size_t parse_text(T* value, const char* text, size_t size, const char* function) {
+  if constexpr (sizeof(T) == 2) return fail_text_of_16_bits(size_t{0}, function);
   *value = 0;
   const char* end = text + std::min(size, kMaxDigits + 1);
   const auto length = static_cast<size_t>(std::find_if_not(text, end, is_digit<char>) - text);

@@ -7,6 +7,7 @@
 
 #include <kel/blowfish.h>
 #include <kel/cipher.h>
+#include <kel/crc.h>
 #include <kel/crypt.h>
 #include <kel/digest.h>
 #include <kel/export.h>
@@ -17,6 +18,8 @@
 #include <kel/preallocator.h>
 #include <kel/runtime.h>
 #include <kel/safeio.h>
+#include <kel/serialize.h>
 #include <kel/strings.h>
+#include <kel/uid.h>
 
 #endif

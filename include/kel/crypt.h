@@ -167,8 +167,9 @@ KEL_END_DECLS
  *
  * @param c      zero but for zlevel, zwindow and zalgorithm
  * @param flags  KEL_CRYPT_ flags
- * @return 0; -2 for a bad level, window or cipher type; -3 (reported) for a bad algorithm; -4
- *         (reported) without memory. After -2 and -3 dcpEncryptEnd() is still due.
+ * @return 0; -2 for a bad level, window or (reported) cipher type; -3 (reported) for a bad
+ *         algorithm; -4 (reported, but for zlib's own) without memory; -1 (reported) when OpenSSL
+ *         fails. After -2 and -3 dcpEncryptEnd() is still due, else the state is null.
  */
 KEL_API int dcpEncryptInit(c_stream_t* c, unsigned long flags, const KelKey& key,
                            unsigned char cipherType);

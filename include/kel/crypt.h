@@ -128,8 +128,8 @@ KEL_API int lzo_compression_init(void);
  * @param flush  1 when there is no input beyond what is given, so that a stream that ends early is
  *               found (-3); else 0
  * @return 1 when the trailer was reached and all output delivered, 0 when more input or output room
- * is needed, or a negative code: -2 also for any other `flush`; -5 without room for output that
- *         waits; -31 for a wrong key
+ *         is needed, or a negative code: -2 also for any other `flush`; -5 when nothing can be done
+ *         without output room; -31 for a wrong key
  */
 KEL_API int dcpDecrypt(c_stream_t* c, int flush);
 /** Frees the reader's state, wipes its key material and clears the settings; 0, or -2 without a

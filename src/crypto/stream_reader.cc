@@ -305,12 +305,18 @@ StreamReader::Verdict StreamReader::finish(c_stream_t& c) {
     if (const Verdict verdict = finish_chunk(c)) return verdict;
     if (!waiting_.empty()) return {};
   }
-  while (coding_ == Coding::kZlib && !inflated_ && c.total_out < total_) {
-    if (c.avail_out == 0) return kOk;
-    const std::uint64_t before = c.total_out;
+  while (coding_ == Coding::kZlib && !inflated_) {
+    // What the total cuts off is looked at all the same, so that windows do not decide whether
+    // damage is found.
+    c_stream_t beyond{};
+    beyond.next_out = work_;
+    beyond.avail_out = sizeof work_;
+    c_stream_t& to = c.total_out < total_ ? c : beyond;
+    if (to.avail_out == 0) return kOk;
+    const std::uint64_t before = to.total_out;
     Bytes nothing;
-    if (const Verdict verdict = inflate_piece(c, nothing)) return verdict;
-    if (c.total_out == before) break;
+    if (const Verdict verdict = inflate_piece(to, nothing)) return verdict;
+    if (to.total_out == before) break;
   }
   if (c.total_out < total_) return kDataError;
   cut_output(c);

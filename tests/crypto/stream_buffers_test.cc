@@ -203,12 +203,12 @@ TEST_F(StreamBuffers, ANewBufferGrowsUntilTheStreamFits) {
 TEST_F(StreamBuffers, TracingNamesSizesAndGrowth) {
   const std::string stream = write_stream(std::string(40000, 'x'), {KEL_CRYPT_ZLIB, 2, 0});
   kelLogSetFlags(KEL_LOG_VERBOSE | KEL_LOG_TRACE | KEL_LOG_NO_OUTPUT, 0xffff);
-  EXPECT_EQ(decrypt_data(stream, 2).size(), 40000u);
+  EXPECT_EQ(decrypt_data(stream, 2, 33001).size(), 40000u);
   const std::string size = std::to_string(stream.size());
   EXPECT_THAT(reports.take_texts(),
               ElementsAre(HasSubstr("dcpDecryptData: " + size +
-                                    " bytes input, initial output buffer is 32768 bytes"),
-                          HasSubstr("dcpDecryptData: resizing output buffer from 32768 to 65536 "
+                                    " bytes input, initial output buffer is 33001 bytes"),
+                          HasSubstr("dcpDecryptData: resizing output buffer from 33001 to 66008 "
                                     "bytes")));
   EXPECT_EQ(decrypt(stream, 40000, 2), 40000);
   EXPECT_THAT(reports.take_texts(), ElementsAre(HasSubstr("<stream>: decrypt completed, " + size +

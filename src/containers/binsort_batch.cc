@@ -1,0 +1,161 @@
+// From the input to one sorted run: a batch that fills memory, sorted and written, and then what
+// follows it in order anyway.
+#include <cstring>
+
+#include "containers/binsort.h"
+#include "containers/merge_sort.h"
+
+namespace kel::internal::binsort {
+
+/// The next record of all inputs: kRecord, kEnd, or kFailed after a report.
+Reading RunMaker::next_record(Record& record, std::uint64_t* size) {
+  for (;;) {
+    void* handle;
+    switch (read_record(ctx_, input_, &handle, size)) {
+      case Reading::kRecord:
+        record.reset({++counter_, handle});
+        return Reading::kRecord;
+      case Reading::kSkipped:
+        ++counter_;
+        continue;
+      case Reading::kFailed:
+        fail_record(ctx_, kSort, kRead, "Could not read object", errno);
+        return Reading::kFailed;
+      case Reading::kEnd:
+        break;
+    }
+    errno = 0;
+    FILE* const next = ctx_.next_fn == nullptr ? nullptr : ctx_.next_fn(ctx_.cbctx);
+    if (next == nullptr) {
+      if (errno != 0)
+        return fail(Reading::kFailed, errno, "%s: Unknown error occurred: %s", kSort,
+                    std::strerror(errno));
+      ended_ = true;
+      return Reading::kEnd;
+    }
+    input_ = next;
+  }
+}
+
+void RunMaker::hold(Record& record, std::uint64_t size) {
+  ctx_.objects.get()[end_++] = record.release();
+  held_bytes_ += size;
+}
+
+void RunMaker::free_held() {
+  while (first_ != end_) ctx_.free(ctx_.objects.get()[first_++].record);
+  first_ = end_ = 0;
+  held_bytes_ = 0;
+}
+
+/// Reads until a limit is reached or the input ends; a record that the run before left is held
+/// already.
+bool RunMaker::fill_batch() {
+  while (end_ == 0 || (end_ < ctx_.max_objects && held_bytes_ < ctx_.max_object_bytes)) {
+    Record record(ctx_);
+    std::uint64_t size;
+    const Reading reading = next_record(record, &size);
+    if (reading == Reading::kFailed) return false;
+    if (reading == Reading::kEnd) break;
+    hold(record, size);
+  }
+  return true;
+}
+
+void RunMaker::sort_batch() {
+  const auto entry_at = [](const char* at) {
+    return reinterpret_cast<Entry*>(const_cast<char*>(at));
+  };
+  MergeSort sorter(
+      FixedSize<sizeof(Entry)>(), reinterpret_cast<char*>(ctx_.scratch.get()),
+      [this, entry_at](const char* a, const char* b) {
+        return ctx_.compare(*entry_at(a), *entry_at(b));
+      },
+      // A handle is most likely the record's address; where it is not, this does nothing.
+      [entry_at](const char* entry) { __builtin_prefetch(entry_at(entry)->record); });
+  sorter.sort(reinterpret_cast<char*>(ctx_.objects.get()), end_);
+}
+
+/// Leaves one of each sequence of equal records.
+void RunMaker::collapse_equals() {
+  Entry* const objects = ctx_.objects.get();
+  std::size_t last = 0;
+  const std::size_t count = end_;
+  for (std::size_t i = 1; i < count; ++i) {
+    Entry& kept = objects[last];
+    Entry& next = objects[i];
+    if (ctx_.compare(kept, next) != 0) {
+      objects[++last] = next;
+    } else if (ctx_.keeps_second(kept, next)) {
+      ctx_.free(kept.record);
+      kept = next;
+    } else {
+      ctx_.free(next.record);
+    }
+  }
+  if (count != 0) end_ = last + 1;
+}
+
+/// Writes the batch; `last` keeps its last record.
+bool RunMaker::write_batch(Output& out, Record& last) {
+  Entry* const objects = ctx_.objects.get();
+  while (first_ != end_) {
+    // A handle is an address: the records lie in the order of the input, so each one is far away.
+    constexpr std::size_t kAhead = 8;
+    if (end_ - first_ > kAhead) __builtin_prefetch(objects[first_ + kAhead].record);
+    last.reset(objects[first_++]);
+    if (!out.write(last.entry())) return false;
+  }
+  return true;
+}
+
+/// Goes on with the same run as long as the input is in order; the first record that is not begins
+/// the next batch.
+bool RunMaker::extend(Output& out, Record& last) {
+  Record record(ctx_);
+  for (;;) {
+    std::uint64_t size;
+    const Reading reading = next_record(record, &size);
+    if (reading != Reading::kRecord) return reading == Reading::kEnd;
+    const int order = ctx_.compare(last.entry(), record.entry());
+    const bool settles = order == 0 && ctx_.resolve_fn != nullptr;
+    if (order > 0 || (settles && ctx_.keeps_second(last.entry(), record.entry()))) {
+      hold(record, size);
+      return true;
+    }
+    if (settles) continue;
+    if (!out.write(record.entry())) return false;
+    last = std::move(record);
+  }
+}
+
+bool RunMaker::make(Output& out) {
+  if (!fill_batch()) return false;
+  sort_batch();
+  if (ctx_.resolve_fn != nullptr) collapse_equals();
+  Record last(ctx_);
+  if (!write_batch(out, last)) return false;
+  free_held();
+  return (ended_ || extend(out, last)) && out.finish();
+}
+
+}  // namespace kel::internal::binsort
+
+void BinarySortMergeSort(void* base, size_t count, size_t size,
+                         int (*compare)(void* ctx, const void* a, const void* b), void* ctx,
+                         void* scratch) {
+  using kel::internal::FixedSize;
+  if (count < 2) return;
+  const auto sort = [=](auto element) {
+    kel::internal::MergeSort sorter(
+        element, static_cast<char*>(scratch),
+        [=](const char* a, const char* b) { return compare(ctx, a, b); }, [](const char*) {});
+    sorter.sort(static_cast<char*>(base), count);
+  };
+  if (size == 8)
+    sort(FixedSize<8>());
+  else if (size == 16)
+    sort(FixedSize<16>());
+  else
+    sort(size);
+}

@@ -15,12 +15,9 @@ using namespace kel::internal::binsort;
 
 namespace {
 
-/// The memory sort looks a few entries ahead of what it merges.
-constexpr std::uint64_t kSlack = 4;
-
 MallocPtr<Entry> allocate_entries(std::uint64_t count) {
-  if (count > SIZE_MAX / sizeof(Entry) - kSlack) return nullptr;
-  return MallocPtr<Entry>(static_cast<Entry*>(std::malloc((count + kSlack) * sizeof(Entry))));
+  if (count > SIZE_MAX / sizeof(Entry)) return nullptr;
+  return MallocPtr<Entry>(static_cast<Entry*>(std::malloc(count * sizeof(Entry))));
 }
 
 bool fail_part(const char* what) {

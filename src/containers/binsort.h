@@ -189,9 +189,7 @@ class RunMaker {
   FILE* input_;
   bool ended_ = false;
   std::uint64_t counter_ = 0;  ///< number of the last record read or passed over
-  // The records in memory are the entries [first_, end_) of the context's array.
-  std::size_t first_ = 0;
-  std::size_t end_ = 0;
+  std::size_t held_ = 0;       ///< records held, at the start of the context's array
   std::uint64_t held_bytes_ = 0;
 };
 

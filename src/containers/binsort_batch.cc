@@ -1,6 +1,9 @@
 // From the input to one sorted run: a batch that fills memory, sorted and written, and then what
 // follows it in order anyway.
+#include <algorithm>
 #include <cstring>
+#include <ranges>
+#include <span>
 
 #include "containers/binsort.h"
 #include "containers/merge_sort.h"
@@ -38,20 +41,36 @@ Reading RunMaker::next_record(Record& record, std::uint64_t* size) {
 }
 
 void RunMaker::hold(Record& record, std::uint64_t size) {
-  ctx_.objects.get()[end_++] = record.release();
+  ctx_.objects.get()[held_++] = record.release();
   held_bytes_ += size;
 }
 
+/// Releases the records in the order of the input, which is most likely that of their addresses: an
+/// allocator that gets millions of neighbours back at random takes longer than the sort.
 void RunMaker::free_held() {
-  while (first_ != end_) ctx_.free(ctx_.objects.get()[first_++].record);
-  first_ = end_ = 0;
+  const std::span held(ctx_.objects.get(), held_);
+  held_ = 0;
   held_bytes_ = 0;
+  if (held.empty()) return;
+  const auto [lowest, highest] = std::ranges::minmax(held | std::views::transform(&Entry::number));
+  // Numbers that were passed over leave gaps, for which the scratch array may be too small.
+  const std::span places(reinterpret_cast<void**>(ctx_.scratch.get()),
+                         std::min(highest - lowest + 1, 2 * ctx_.max_objects));
+  std::ranges::fill(places, nullptr);
+  for (const Entry& entry : held) {
+    if (entry.number - lowest < places.size())
+      places[entry.number - lowest] = entry.record;
+    else
+      ctx_.free(entry.record);
+  }
+  for (void* const record : places)
+    if (record != nullptr) ctx_.free(record);
 }
 
 /// Reads until a limit is reached or the input ends; a record that the run before left is held
 /// already.
 bool RunMaker::fill_batch() {
-  while (end_ == 0 || (end_ < ctx_.max_objects && held_bytes_ < ctx_.max_object_bytes)) {
+  while (held_ == 0 || (held_ < ctx_.max_objects && held_bytes_ < ctx_.max_object_bytes)) {
     Record record(ctx_);
     std::uint64_t size;
     const Reading reading = next_record(record, &size);
@@ -67,20 +86,21 @@ void RunMaker::sort_batch() {
     return reinterpret_cast<Entry*>(const_cast<char*>(at));
   };
   MergeSort sorter(
-      FixedSize<sizeof(Entry)>(), reinterpret_cast<char*>(ctx_.scratch.get()),
+      FixedSize<sizeof(Entry)>(),
       [this, entry_at](const char* a, const char* b) {
         return ctx_.compare(*entry_at(a), *entry_at(b));
       },
       // A handle is most likely the record's address; where it is not, this does nothing.
       [entry_at](const char* entry) { __builtin_prefetch(entry_at(entry)->record); });
-  sorter.sort(reinterpret_cast<char*>(ctx_.objects.get()), end_);
+  sorter.sort(reinterpret_cast<char*>(ctx_.objects.get()), held_,
+              reinterpret_cast<char*>(ctx_.scratch.get()));
 }
 
 /// Leaves one of each sequence of equal records.
 void RunMaker::collapse_equals() {
   Entry* const objects = ctx_.objects.get();
   std::size_t last = 0;
-  const std::size_t count = end_;
+  const std::size_t count = held_;
   for (std::size_t i = 1; i < count; ++i) {
     Entry& kept = objects[last];
     Entry& next = objects[i];
@@ -93,19 +113,20 @@ void RunMaker::collapse_equals() {
       ctx_.free(next.record);
     }
   }
-  if (count != 0) end_ = last + 1;
+  if (count != 0) held_ = last + 1;
 }
 
-/// Writes the batch; `last` keeps its last record.
+/// Writes the batch and releases it, but for its last record.
 bool RunMaker::write_batch(Output& out, Record& last) {
-  Entry* const objects = ctx_.objects.get();
-  while (first_ != end_) {
-    // A handle is an address: the records lie in the order of the input, so each one is far away.
+  const std::span held(ctx_.objects.get(), held_);
+  for (std::size_t i = 0; i < held.size(); ++i) {
+    // The records lie in memory as they came, so that each one is far from the one before.
     constexpr std::size_t kAhead = 8;
-    if (end_ - first_ > kAhead) __builtin_prefetch(objects[first_ + kAhead].record);
-    last.reset(objects[first_++]);
-    if (!out.write(last.entry())) return false;
+    if (i + kAhead < held.size()) __builtin_prefetch(held[i + kAhead].record);
+    if (!out.write(held[i])) return false;
   }
+  if (!held.empty()) last.reset(held[--held_]);
+  free_held();
   return true;
 }
 
@@ -135,7 +156,6 @@ bool RunMaker::make(Output& out) {
   if (ctx_.resolve_fn != nullptr) collapse_equals();
   Record last(ctx_);
   if (!write_batch(out, last)) return false;
-  free_held();
   return (ended_ || extend(out, last)) && out.finish();
 }
 
@@ -148,9 +168,9 @@ void BinarySortMergeSort(void* base, size_t count, size_t size,
   if (count < 2) return;
   const auto sort = [=](auto element) {
     kel::internal::MergeSort sorter(
-        element, static_cast<char*>(scratch),
-        [=](const char* a, const char* b) { return compare(ctx, a, b); }, [](const char*) {});
-    sorter.sort(static_cast<char*>(base), count);
+        element, [=](const char* a, const char* b) { return compare(ctx, a, b); },
+        [](const char*) {});
+    sorter.sort(static_cast<char*>(base), count, static_cast<char*>(scratch));
   };
   if (size == 8)
     sort(FixedSize<8>());

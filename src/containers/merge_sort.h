@@ -2,6 +2,7 @@
 // running.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstring>
 
@@ -15,64 +16,105 @@ struct FixedSize {
 };
 
 /// `compare(a, b)` gets addresses of two elements and returns negative, 0 or positive. `soon(e)` is
-/// told which element will be compared a few steps later; `e` may lie behind the last one.
+/// told which element will be compared a few steps later.
 template <class Size, class Compare, class Soon>
 class MergeSort {
  public:
-  /// `scratch` has room for half the elements of the largest sort, and for one at least.
-  MergeSort(Size size, char* scratch, Compare compare, Soon soon)
-      : size_(size), scratch_(scratch), compare_(compare), soon_(soon) {}
+  MergeSort(Size size, Compare compare, Soon soon) : size_(size), compare_(compare), soon_(soon) {}
 
-  void sort(char* base, std::size_t count) {
-    if (count <= kSmall) return insert_each(base, count);
-    const std::size_t half = count / 2;
-    sort(base, half);
-    sort(base + half * size_, count - half);
-    merge(base, base + half * size_, base + count * size_);
-  }
+  /// Sorts `count` elements at `base`; `scratch` has room for as many.
+  void sort(char* base, std::size_t count, char* scratch) { sort(base, count, scratch, base); }
 
  private:
-  static constexpr std::size_t kSmall = 6;
+  static constexpr std::size_t kSmall = 10;
   static constexpr std::size_t kAhead = 4;
 
   void copy(char* to, const char* from) const { std::memcpy(to, from, size_); }
 
-  void insert_each(char* base, std::size_t count) {
+  /// Leaves the sorted elements of `base` in `to`, which is `base` or `other`. The halves are
+  /// sorted into the other one of the two arrays, so that each level moves its elements once.
+  void sort(char* base, std::size_t count, char* other, char* to) {
+    if (count <= kSmall) {
+      insert_each(base, count, other);
+      if (to != base) std::memcpy(to, base, count * size_);
+      return;
+    }
+    const std::size_t half = count / 2;
+    char* const from = to == base ? other : base;
+    sort(base, half, other, from);
+    sort(base + half * size_, count - half, other + half * size_, from + half * size_);
+    const char* const right = from + half * size_;
+    if (compare_(right - size_, right) <= 0)
+      std::memcpy(to, from, count * size_);
+    else if (!merge_from_ends(from, half, count, to))
+      merge(from, half, count, to);
+  }
+
+  void insert_each(char* base, std::size_t count, char* spare) {
     for (std::size_t i = 1; i < count; ++i) {
       char* place = base + i * size_;
       if (compare_(place - size_, place) <= 0) continue;
-      copy(scratch_, place);
+      copy(spare, place);
       do {
         copy(place, place - size_);
         place -= size_;
-      } while (place != base && compare_(place - size_, scratch_) > 0);
-      copy(place, scratch_);
+      } while (place != base && compare_(place - size_, spare) > 0);
+      copy(place, spare);
     }
   }
 
-  /// Merges [base, right) and [right, end). The left part moves out of the way; the right part
-  /// stays where it is, so that its rest is in place when the left one is used up.
-  void merge(char* base, char* right, char* end) {
-    if (compare_(right - size_, right) <= 0) return;
-    std::memcpy(scratch_, base, static_cast<std::size_t>(right - base));
-    const char* left = scratch_;
-    const char* const left_end = scratch_ + (right - base);
-    char* out = base;
-    while (left != left_end && right != end) {
-      soon_(left + kAhead * size_);
-      soon_(right + kAhead * size_);
-      // Written without a branch: which side is next cannot be predicted.
-      const bool takes_left = compare_(left, right) <= 0;
-      copy(out, takes_left ? left : right);
-      left += takes_left ? static_cast<std::size_t>(size_) : 0;
-      right += takes_left ? 0 : static_cast<std::size_t>(size_);
-      out += size_;
+  /// Merges the first `half` of `count` elements with the others, from both ends at once: the two
+  /// comparisons of a step do not wait for each other. Their results, which cannot be predicted,
+  /// are used as numbers and not for branches. False when they contradict each other; `to` then
+  /// lacks some elements.
+  bool merge_from_ends(const char* from, std::size_t half, std::size_t count, char* to) {
+    const std::size_t size = size_;
+    const char* left = from;
+    const char* right = from + half * size;
+    const char* left_end = right;
+    const char* right_end = from + count * size;
+    char* out_end = to + count * size;
+    for (std::size_t i = 0; i < half; ++i) {
+      if (i + kAhead < half) {
+        soon_(left + kAhead * size);
+        soon_(right + kAhead * size);
+        soon_(left_end - (kAhead + 1) * size);
+        soon_(right_end - (kAhead + 1) * size);
+      }
+      const std::size_t from_right = compare_(left, right) > 0;
+      copy(to, std::array{left, right}[from_right]);
+      right += from_right * size;
+      left += (from_right ^ 1) * size;
+      to += size;
+      const std::size_t from_left = compare_(left_end - size, right_end - size) > 0;
+      left_end -= from_left * size;
+      right_end -= (from_left ^ 1) * size;
+      out_end -= size;
+      copy(out_end, std::array{right_end, left_end}[from_left]);
     }
-    std::memcpy(out, left, static_cast<std::size_t>(left_end - left));
+    if (left > left_end || right > right_end) return false;
+    if (to != out_end) copy(to, left != left_end ? left : right);
+    return true;
+  }
+
+  /// The same with no more than what a merge needs from `compare`: whatever it says, the result has
+  /// each element once.
+  void merge(const char* from, std::size_t half, std::size_t count, char* to) {
+    const char* left = from;
+    const char* right = from + half * size_;
+    const char* const left_end = right;
+    const char* const right_end = from + count * size_;
+    for (; left != left_end && right != right_end; to += size_) {
+      const char*& next = compare_(left, right) <= 0 ? left : right;
+      copy(to, next);
+      next += size_;
+    }
+    const auto rest = static_cast<std::size_t>(left_end - left);
+    std::memcpy(to, left, rest);
+    std::memcpy(to + rest, right, static_cast<std::size_t>(right_end - right));
   }
 
   Size size_;
-  char* scratch_;
   Compare compare_;
   Soon soon_;
 };

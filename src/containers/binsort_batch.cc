@@ -2,7 +2,6 @@
 // follows it in order anyway.
 #include <algorithm>
 #include <cstring>
-#include <ranges>
 #include <span>
 
 #include "containers/binsort.h"
@@ -46,20 +45,20 @@ void RunMaker::hold(Record& record, std::uint64_t size) {
 }
 
 /// Releases the records in the order of the input, which is most likely that of their addresses: an
-/// allocator that gets millions of neighbours back at random takes longer than the sort.
+/// allocator that gets millions of neighbours back at random takes half as long as their sorting.
 void RunMaker::free_held() {
   const std::span held(ctx_.objects.get(), held_);
   held_ = 0;
   held_bytes_ = 0;
   if (held.empty()) return;
-  const auto [lowest, highest] = std::ranges::minmax(held | std::views::transform(&Entry::number));
+  const auto [lowest, highest] = std::ranges::minmax(held, {}, &Entry::number);
   // Numbers that were passed over leave gaps, for which the scratch array may be too small.
   const std::span places(reinterpret_cast<void**>(ctx_.scratch.get()),
-                         std::min(highest - lowest + 1, 2 * ctx_.max_objects));
+                         std::min(highest.number - lowest.number + 1, 2 * ctx_.max_objects));
   std::ranges::fill(places, nullptr);
   for (const Entry& entry : held) {
-    if (entry.number - lowest < places.size())
-      places[entry.number - lowest] = entry.record;
+    if (entry.number - lowest.number < places.size())
+      places[entry.number - lowest.number] = entry.record;
     else
       ctx_.free(entry.record);
   }

@@ -26,9 +26,10 @@ bool fail_part(const char* what) {
 }
 
 bool allocate(binary_sort_ctx& ctx, const char* tmpdir) {
-  ctx.tmpdir.reset(static_cast<char*>(std::malloc(std::strlen(tmpdir) + 1)));
+  const std::size_t size = std::strlen(tmpdir) + 1;
+  ctx.tmpdir.reset(static_cast<char*>(std::malloc(size)));
   if (ctx.tmpdir == nullptr) return fail_part("tmpdir");
-  std::strcpy(ctx.tmpdir.get(), tmpdir);
+  std::memcpy(ctx.tmpdir.get(), tmpdir, size);
   ctx.objects = allocate_entries(ctx.max_objects);
   if (ctx.objects == nullptr) return fail_part("objects");
   ctx.scratch = allocate_entries(ctx.max_objects);

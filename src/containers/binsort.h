@@ -71,24 +71,21 @@ namespace kel::internal::binsort {
 /// Owns one record, or none.
 class Record {
  public:
-  explicit Record(const binary_sort_ctx& ctx, Entry entry = {}) : ctx_(&ctx), entry_(entry) {}
-  Record(Record&& other) noexcept : ctx_(other.ctx_), entry_(other.release()) {}
-  Record& operator=(Record&& other) noexcept {
-    std::swap(entry_, other.entry_);
-    return *this;
-  }
+  explicit Record(const binary_sort_ctx& ctx) : ctx_(ctx) {}
+  Record(const Record&) = delete;
+  Record& operator=(const Record&) = delete;
   ~Record() { reset({}); }
 
   Entry& entry() { return entry_; }
   void reset(Entry entry) {
-    if (entry_.record != nullptr) ctx_->free(entry_.record);
+    if (entry_.record != nullptr) ctx_.free(entry_.record);
     entry_ = entry;
   }
   Entry release() noexcept { return std::exchange(entry_, {}); }
 
  private:
-  const binary_sort_ctx* ctx_;
-  Entry entry_;
+  const binary_sort_ctx& ctx_;
+  Entry entry_{};
 };
 
 enum class Reading { kRecord, kSkipped, kEnd, kFailed };

@@ -145,7 +145,7 @@ bool RunMaker::extend(Output& out, Record& last) {
     }
     if (settles) continue;
     if (!out.write(record.entry())) return false;
-    last = std::move(record);
+    last.reset(record.release());
   }
 }
 

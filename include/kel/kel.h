@@ -5,6 +5,7 @@
 #ifndef KEL_KEL_H
 #define KEL_KEL_H
 
+#include <kel/binsort.h>
 #include <kel/blowfish.h>
 #include <kel/cipher.h>
 #include <kel/crc.h>

@@ -5,6 +5,8 @@
 #ifndef KEL_KEL_H
 #define KEL_KEL_H
 
+#include <kel/array.h>
+#include <kel/bloom.h>
 #include <kel/blowfish.h>
 #include <kel/cipher.h>
 #include <kel/crypt.h>
@@ -17,6 +19,7 @@
 #include <kel/preallocator.h>
 #include <kel/runtime.h>
 #include <kel/safeio.h>
+#include <kel/set.h>
 #include <kel/strings.h>
 
 #endif

@@ -17,31 +17,7 @@ using namespace kel::internal;
 namespace {
 
 constexpr char kClass[] = "BloomFilter";
-constexpr uint32_t kHashCount = 7;
-constexpr unsigned kHashBits = 36;  // distance of two hashes in a fingerprint
 constexpr uint64_t kMaxBytes = UINT32_MAX;
-
-const unsigned char* bytes_of(const crfp_digest_t& fingerprint) {
-  return reinterpret_cast<const unsigned char*>(&fingerprint);
-}
-
-/// The bits of a fingerprint from those of hash `i` upward; at least 60 are good.
-inline uint64_t hash_bits(const unsigned char* fingerprint, unsigned i) {
-  const unsigned first = kHashBits * i;
-  return load_le<uint64_t>(fingerprint + first / 8) >> first % 8;
-}
-
-/// Where the little-endian word of 64 bits starts that holds a bit.
-constexpr uint64_t word_of(uint64_t bit) { return bit / 64 * 8; }
-
-inline uint64_t test(const unsigned char* bitmap, uint64_t bit) {
-  return load_le<uint64_t>(bitmap + word_of(bit)) >> bit % 64 & 1;
-}
-
-inline void set(unsigned char* bitmap, uint64_t bit) {
-  unsigned char* word = bitmap + word_of(bit);
-  store_le(word, load_le<uint64_t>(word) | uint64_t{1} << bit % 64);
-}
 
 /// Random look-ups in a large bitmap miss the TLB as often as the cache unless pages are large.
 void ask_for_large_pages(unsigned char* bitmap, uint64_t size) {
@@ -63,6 +39,9 @@ std::unique_ptr<unsigned char[]> allocate(uint64_t size) {
   store_le(bitmap.get() + whole - kWord, uint64_t{0});
   return bitmap;
 }
+
+/// Inline for speed, but the library also exports it.
+[[gnu::used]] constexpr auto kMatches = &BloomFilter::Matches;
 
 }  // namespace
 
@@ -107,24 +86,9 @@ void BloomFilter::Init() {
 void BloomFilter::Insert(const crfp_digest_t& fingerprint) {
   ++inserted_;
   unsigned char* bitmap = bloom_.get();
-  if (bitmap == nullptr) [[unlikely]]
-    return;
-  const unsigned char* bytes = bytes_of(fingerprint);
-  const uint64_t mask = hash_mask_;
+  if (bitmap == nullptr) return;
 #pragma GCC unroll 7
-  for (unsigned i = 0; i < kHashCount; ++i) set(bitmap, hash_bits(bytes, i) & mask);
-}
-
-bool BloomFilter::Matches(const crfp_digest_t& fingerprint) const {
-  const unsigned char* bitmap = bloom_.get();
-  if (bitmap == nullptr) [[unlikely]]
-    return expected_ != 0 || inserted_ != 0;
-  const unsigned char* bytes = bytes_of(fingerprint);
-  const uint64_t mask = hash_mask_;
-  const auto hit = [=](unsigned i) { return test(bitmap, hash_bits(bytes, i) & mask); };
-  // Bits that are tested together are fetched together, without a branch that would be mispredicted
-  // half of the time; one bit alone tells most in a filter that is not full yet.
-  return hit(0) != 0 && (hit(1) & hit(2)) != 0 && (hit(3) & hit(4) & hit(5) & hit(6)) != 0;
+  for (unsigned i = 0; i < kHashCount; ++i) Set(bitmap, Bit(fingerprint, i));
 }
 
 void BloomFilter::Empty() {
@@ -167,20 +131,20 @@ uint64_t BloomFilter::GetInsertedFingerPrints() const { return inserted_; }
 void BloomFilter::SetInsertedFingerPrints(unsigned long count) { inserted_ = count; }
 
 double BloomFilter::GetFalsePositiveProbability() const {
-  if (bloom_ == nullptr) return expected_ != 0 || inserted_ != 0 ? 1 : 0;
+  if (bloom_ == nullptr) return MatchesWithoutBitmap() ? 1 : 0;
   const double clear_after_one = 1 - 1 / static_cast<double>(bitmap_size_);
   const double settings = static_cast<double>(hash_count_) * static_cast<double>(inserted_);
   return std::pow(1 - std::pow(clear_after_one, settings), hash_count_);
 }
 
 unsigned long BloomFilter::_calcHash(const crfp_digest_t& fingerprint, unsigned int i) const {
-  return hash_bits(bytes_of(fingerprint), i) & hash_mask_;
+  return Bit(fingerprint, i);
 }
 
 bool BloomFilter::_matches(unsigned long bit) const {
-  return bit < bitmap_size_ && test(bloom_.get(), bit) != 0;
+  return bit < bitmap_size_ && Test(bloom_.get(), bit) != 0;
 }
 
 void BloomFilter::_insert(unsigned long bit) {
-  if (bit < bitmap_size_) set(bloom_.get(), bit);
+  if (bit < bitmap_size_) Set(bloom_.get(), bit);
 }

@@ -181,7 +181,7 @@ TEST(List, AgreesWithAModelWhileItsWalkGoesOn) {
 
 TEST(List, IsUsableAgainAfterItsOnlyElementLeft) {
   ReportCapture reports;
-  static_cast<void>(kelListFirst(nullptr));
+  EXPECT_EQ(kelListFirst(nullptr), nullptr);
   EXPECT_EQ(kelListNext(nullptr), nullptr);
   kelListDestroy(nullptr, note_destroyed);
   EXPECT_EQ(kelGetListNodeSize(), 24u);

@@ -3,9 +3,9 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
-#include <cstring>
 #include <new>
 #include <random>
 #include <set>
@@ -41,7 +41,7 @@ std::vector<uint64_t> positions(const crfp_digest_t& digest, unsigned bits) {
     uint64_t position = 0;
     for (unsigned bit = 0; bit < bits; ++bit) {
       const unsigned at = 36 * hash + bit;
-      position |= uint64_t{digest.bytes[at / 8]} >> at % 8 % 8 & 1 ? uint64_t{1} << bit : 0;
+      position |= uint64_t{digest.bytes[at / 8]} >> at % 8 & 1 ? uint64_t{1} << bit : 0;
     }
     all.push_back(position);
   }
@@ -127,8 +127,8 @@ TEST(Bloom, FalsePositivesAreAsManyAsComputed) {
 TEST(Bloom, BitmapsMoveBetweenFilters) {
   ReportCapture reports;
   std::mt19937_64 random(3);
-  std::vector<crfp_digest_t> digests;
-  for (int i = 0; i < 2000; ++i) digests.push_back(random_digest(random));
+  std::vector<crfp_digest_t> digests(2000);
+  for (crfp_digest_t& digest : digests) digest = random_digest(random);
   BloomFilter source(700, 0.1);
   for (int i = 0; i < 500; ++i) source.Insert(digests[static_cast<size_t>(i)]);
 

@@ -6,6 +6,8 @@
 #define KEL_KEL_H
 
 #include <kel/binsort.h>
+#include <kel/array.h>
+#include <kel/bloom.h>
 #include <kel/blowfish.h>
 #include <kel/cipher.h>
 #include <kel/crc.h>
@@ -20,6 +22,7 @@
 #include <kel/runtime.h>
 #include <kel/safeio.h>
 #include <kel/serialize.h>
+#include <kel/set.h>
 #include <kel/strings.h>
 #include <kel/uid.h>
 

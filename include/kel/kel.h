@@ -5,7 +5,9 @@
 #ifndef KEL_KEL_H
 #define KEL_KEL_H
 
+#include <kel/base64.h>
 #include <kel/blowfish.h>
+#include <kel/charconv.h>
 #include <kel/cipher.h>
 #include <kel/crypt.h>
 #include <kel/digest.h>
@@ -18,5 +20,7 @@
 #include <kel/runtime.h>
 #include <kel/safeio.h>
 #include <kel/strings.h>
+#include <kel/text.h>
+#include <kel/url.h>
 
 #endif

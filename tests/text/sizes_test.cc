@@ -1,0 +1,188 @@
+#include <kel/text.h>
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <random>
+#include <sstream>
+#include <string>
+
+#include "support/reports.h"
+#include "text/peer.h"
+
+namespace {
+
+using kel::testing::error;
+using kel::testing::ReportCapture;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+std::wstring widen(const std::string& s) { return {s.begin(), s.end()}; }
+
+/// The text of `value`, which has to come out the same in both widths.
+std::string exact(uint64_t value) {
+  char buf[KEL_SIZE_TEXT];
+  wchar_t wide[KEL_SIZE_TEXT];
+  const std::string text = sizetostr(buf, sizeof buf, value);
+  EXPECT_EQ(buf[KEL_SIZE_TEXT - 1], '\0');
+  EXPECT_EQ(sizetowcs(wide, KEL_SIZE_TEXT, value), widen(text));
+  return text;
+}
+
+std::string rounded(uint64_t value, int precision, size_t n = 200) {
+  char buf[200];
+  wchar_t wide[200];
+  EXPECT_EQ(sizetofloatstr(buf, n, value, precision), buf);
+  EXPECT_EQ(sizetofloatwcs(wide, n, value, precision), wide);
+  EXPECT_EQ(wide, widen(buf));
+  return buf;
+}
+
+struct Read {
+  uint64_t value;
+  std::string rest;
+  friend bool operator==(const Read&, const Read&) = default;
+  friend std::ostream& operator<<(std::ostream& out, const Read& r) {
+    return out << r.value << " and \"" << r.rest << '"';
+  }
+};
+
+Read read(const std::string& text) {
+  const std::wstring wide = widen(text);
+  char* end;
+  wchar_t* wide_end;
+  const Read result = {strtosize(text.c_str(), &end), end};
+  const int code = errno;
+  EXPECT_EQ(wcstosize(wide.c_str(), &wide_end), result.value);
+  EXPECT_EQ(wide_end, widen(result.rest));
+  EXPECT_EQ(errno, code);
+  return result;
+}
+
+TEST(Sizes, ExactTextsChooseTheLargestUnitThatDivides) {
+  const std::pair<uint64_t, const char*> rows[] = {{0, "0"},
+                                                   {1, "1"},
+                                                   {1000, "1KB"},
+                                                   {5000, "5KB"},
+                                                   {2048, "2KiB"},
+                                                   {1024000, "1000KiB"},
+                                                   {1536, "1536"},
+                                                   {3000000000, "3GB"},
+                                                   {1ULL << 60, "1EiB"},
+                                                   {18000000000000000000ULL, "18EB"},
+                                                   {1ULL << 63, "8EiB"},
+                                                   {UINT64_MAX, "18446744073709551615"},
+                                                   {UINT64_MAX - 1023, "18014398509481983KiB"}};
+  for (const auto& [value, text] : rows) EXPECT_EQ(exact(value), text);
+}
+
+TEST(Sizes, ExactTextsKeepToTheirBuffer) {
+  ReportCapture reports;
+  char buf[8] = "#######";
+  EXPECT_STREQ(sizetostr(buf + 1, 5, 2048), "2KiB");
+  EXPECT_EQ(buf[0], '#');
+  errno = 0;
+  EXPECT_EQ(sizetostr(buf + 1, 4, 2048), nullptr);  // the unit alone fits
+  EXPECT_EQ(sizetostr(buf + 1, 3, 12345), nullptr);
+  EXPECT_EQ(errno, ENOBUFS);
+  EXPECT_EQ(buf[0], '#');
+  EXPECT_THAT(reports.take(), IsEmpty());
+
+  wchar_t wide[4];
+  errno = 0;
+  EXPECT_EQ(sizetostr(buf, 3, 2048), nullptr);
+  EXPECT_EQ(errno, ENOBUFS);
+  EXPECT_EQ(sizetowcs(wide, 3, 2048), nullptr);
+  EXPECT_EQ(sizetostr(nullptr, 3, 1), nullptr);
+  EXPECT_EQ(sizetowcs(wide, 0, 1), nullptr);
+  EXPECT_EQ(sizetofloatstr(buf, 3, 1, -1), nullptr);
+  EXPECT_EQ(sizetofloatwcs(nullptr, 3, 1, 0), nullptr);
+  EXPECT_THAT(reports.take(), ElementsAre(error(ENOBUFS, "sizetostr: buffer too short"),
+                                          error(ENOBUFS, "sizetowcs: buffer too short"),
+                                          error(EINVAL, "sizetostr: invalid NULL parameter"),
+                                          error(EINVAL, "sizetowcs: invalid NULL parameter"),
+                                          error(EINVAL, "sizetofloatstr: invalid NULL parameter"),
+                                          error(EINVAL, "sizetofloatwcs: invalid NULL parameter")));
+}
+
+TEST(Sizes, RoundedTextsAreForPeopleAndCutToFit) {
+  EXPECT_EQ(rounded(0, 2), "0 bytes");
+  EXPECT_EQ(rounded(1024, 2), "1024 bytes");
+  EXPECT_EQ(rounded(1025, 0), "1 KiB");
+  EXPECT_EQ(rounded(2048, 2), "2 KiB");
+  EXPECT_EQ(rounded(1536, 2), "1.50 KiB");
+  EXPECT_EQ(rounded(1 << 20, 2), "1024 KiB");
+  EXPECT_EQ(rounded(UINT64_MAX, 1), "16.0 EiB");
+  EXPECT_EQ(rounded(1536, 2, 5), "1.50");
+  EXPECT_EQ(rounded(1536, 2, 1), "");
+  EXPECT_EQ(rounded(1536, 100), "1.5" + std::string(99, '0') + " KiB");
+  EXPECT_EQ(rounded(1536, 1000, 20), "1.50000000000000000");
+}
+
+TEST(Sizes, NumbersAreReadWithTheUnitThatFollows) {
+  ReportCapture reports;
+  const std::pair<const char*, Read> rows[] = {{"10k", {10000, ""}},
+                                               {"10KiB", {10240, ""}},
+                                               {"10kb", {10000, ""}},
+                                               {"4", {4, ""}},
+                                               {"4b", {4, ""}},
+                                               {" 7M,", {7000000, ","}},
+                                               {"1Ei", {1ULL << 60, ""}},
+                                               {"3 k", {3, " k"}},
+                                               {"5x", {5, "x"}},
+                                               {"2kbb", {2000, "b"}},
+                                               {"2kk", {2000, "k"}},
+                                               {"", {0, ""}},
+                                               {"none", {0, "none"}},
+                                               {"1.5k", {1, ".5k"}},
+                                               {"15EiB.", {15ULL << 60, "."}},
+                                               {"18446744073709551615", {UINT64_MAX, ""}}};
+  for (const auto& [text, expected] : rows) {
+    EXPECT_EQ(read(text), expected) << text;
+    EXPECT_EQ(errno, 0);
+  }
+  EXPECT_THAT(reports.take(), IsEmpty());
+
+  EXPECT_EQ(read("18446744073709551616k"), (Read{UINT64_MAX, "k"}));
+  EXPECT_EQ(errno, ERANGE);
+  EXPECT_THAT(reports.take(), IsEmpty());
+  EXPECT_EQ(read("16EiB."), (Read{UINT64_MAX, "."}));
+  EXPECT_EQ(errno, ERANGE);
+  EXPECT_THAT(reports.take(), ElementsAre(error(ERANGE, "strtosize: number above positive range"),
+                                          error(ERANGE, "wcstosize: number above positive range")));
+
+  char* end;
+  wchar_t* wide_end;
+  EXPECT_EQ(strtosizemult("x", &end), 1u);
+  EXPECT_STREQ(end, "x");
+  EXPECT_EQ(strtosizemult("Bx", &end), 1u);
+  EXPECT_STREQ(end, "x");
+  EXPECT_EQ(wcstosizemult(L"pIbx", &wide_end), 1ULL << 50);
+  EXPECT_STREQ(wide_end, L"x");
+  EXPECT_EQ(strtosizemult(nullptr, nullptr), 1u);
+  EXPECT_EQ(wcstosize(nullptr, nullptr), 0u);
+  EXPECT_THAT(reports.take(), ElementsAre(error(EINVAL, "strtosizemult: invalid NULL parameter"),
+                                          error(EINVAL, "wcstosize: invalid NULL parameter")));
+}
+
+TEST(Sizes, TextsGoThereAndBackAndAgreeWithNumfmt) {
+  std::mt19937_64 random(7);
+  std::string texts;
+  std::ostringstream values;
+  for (int i = 0; i < 3000; ++i) {
+    uint64_t value = random() >> random() % 64;
+    for (uint64_t exponent = random() % 7, base = random() % 2 == 0 ? 1000 : 1024; exponent != 0;
+         --exponent)
+      if (value <= UINT64_MAX / base) value *= base;
+    const std::string text = exact(value);
+    EXPECT_EQ(read(text), (Read{value, ""}));
+    // numfmt has the same units without the "B", and prints up to 18 digits.
+    if (value >= 1'000'000'000'000'000'000) continue;
+    texts += text.substr(0, text.find('B')) + "\n";
+    values << value << '\n';
+  }
+  if (std::system("command -v numfmt >/dev/null") != 0) GTEST_SKIP() << "no numfmt";
+  EXPECT_TRUE(kel::testing::filtered("LC_ALL=C numfmt --from=auto", texts) == values.str());
+}
+
+}  // namespace

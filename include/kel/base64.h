@@ -36,10 +36,11 @@
 
 /** @name Character classes
  * Bits of #kelascii_ctype_table. @{ */
-#define KELASCII_LOWER 0x01  /**< a to z */
-#define KELASCII_UPPER 0x02  /**< A to Z */
-#define KELASCII_DIGIT 0x04  /**< 0 to 9 */
-#define KELASCII_PUNCT 0x08  /**< the 32 printable characters that are none of the above nor space \
+#define KELASCII_LOWER 0x01 /**< a to z */
+#define KELASCII_UPPER 0x02 /**< A to Z */
+#define KELASCII_DIGIT 0x04 /**< 0 to 9 */
+#define KELASCII_PUNCT                                                                             \
+  0x08                       /**< the 32 printable characters that are none of the above nor space \
                               */
 #define KELASCII_SPACE 0x10  /**< tab, newline, vertical tab, form feed, carriage return, space */
 #define KELASCII_XDIGIT 0x20 /**< 0 to 9, A to F, a to f */

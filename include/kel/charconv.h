@@ -68,7 +68,8 @@ KEL_API int wc_to_utf8c_len(wchar_t c);
 KEL_API const unsigned char* utf8c_to_wc_nochecks(const unsigned char* s, wchar_t* out);
 /** @} */
 
-/** @name Whole strings in new memory @{ */
+/** @name Whole strings in new memory
+ * @{ */
 /** UTF-8 to wide. A byte that is not where it belongs fails with EINVAL and is reported with the
  * text from its sequence on. */
 KEL_API wchar_t* utf8towcs_malloced(const char* utf8);
@@ -96,7 +97,8 @@ KEL_API char* wcstoascii7_buf(char* dst, const wchar_t* src, unsigned n);
 KEL_API char* wcstoascii7_malloced(const wchar_t* src);
 /** @} */
 
-/** @name The locale's multi-byte text @{ */
+/** @name The locale's multi-byte text
+ * @{ */
 /**
  * Converts `src` to wide text.
  *

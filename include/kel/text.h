@@ -59,7 +59,8 @@ KEL_API char* sizetofloatstr(char* buf, size_t n, uint64_t value, int precision)
 KEL_API wchar_t* sizetofloatwcs(wchar_t* buf, size_t n, uint64_t value, int precision);
 /** @} */
 
-/** @name Text to sizes @{ */
+/** @name Text to sizes
+ * @{ */
 /**
  * Reads a decimal number, as strtoull() does, and the unit that follows it directly, if any.
  *
@@ -73,7 +74,8 @@ KEL_API uint64_t strtosizemult(const char* s, char** end);
 KEL_API uint64_t wcstosizemult(const wchar_t* s, wchar_t** end);
 /** @} */
 
-/** @name Words @{ */
+/** @name Words
+ * @{ */
 /**
  * 1 when the text starts with "yes", "y", "1", "true" or "t", 0 when it starts with "no", "n", "0",
  * "false" or "f", in either case. `*end` is after the first of these words, in that order, that

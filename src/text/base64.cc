@@ -18,6 +18,8 @@ namespace {
 
 using kel::internal::fail_quietly;
 using kel::internal::load_be;
+using kel::internal::load_le;
+using kel::internal::store_le;
 
 constexpr char kEncodeName[] = "Base64EncodeImpl";
 constexpr char kDecodeName[] = "Base64DecodeImpl";
@@ -70,10 +72,13 @@ constexpr Alphabet kUrlSafe =
 
 void encode_groups(const Alphabet& alphabet, const unsigned char* src, size_t groups, char* dst) {
   // Two groups from one load of eight bytes, as long as those are there.
+  const auto pair = [&alphabet](std::uint64_t bits) {
+    return std::uint64_t{load_le<std::uint16_t>(alphabet.pairs[bits & 0xFFF])};
+  };
   for (; groups >= 3; groups -= 2, src += 6, dst += 8) {
     const auto bits = load_be<std::uint64_t>(src);
-    for (unsigned pair = 0; pair < 4; ++pair)
-      std::memcpy(dst + 2 * pair, alphabet.pairs[bits >> (52 - 12 * pair) & 0xFFF], 2);
+    store_le(dst, pair(bits >> 52) | pair(bits >> 40) << 16 | pair(bits >> 28) << 32 |
+                      pair(bits >> 16) << 48);
   }
   for (; groups != 0; --groups, src += 3, dst += 4) {
     std::memcpy(dst, alphabet.pairs[src[0] << 4 | src[1] >> 4], 2);
@@ -150,23 +155,27 @@ class Decoder {
   }
 
  private:
-  /// The three bytes of four letters at `text`, lowest first; kNoLetter is set when one is none.
-  std::uint32_t group(const char* text) const {
-    const auto* letters = reinterpret_cast<const unsigned char*>(text);
-    return alphabet_.values[0][letters[0]] | alphabet_.values[1][letters[1]] |
-           alphabet_.values[2][letters[2]] | alphabet_.values[3][letters[3]];
+  /// The three bytes of four letters, both lowest first; kNoLetter is set when one is none.
+  std::uint32_t group(std::uint64_t letters) const {
+    const auto& values = alphabet_.values;
+    return values[0][letters & 0xFF] | values[1][letters >> 8 & 0xFF] |
+           values[2][letters >> 16 & 0xFF] | values[3][letters >> 24 & 0xFF];
   }
 
-  /// Decodes groups of four letters until something else comes, or room for them ends.
+  /// Decodes groups of four letters, two at a time, until something else comes or room for them
+  /// ends.
   void take_groups() {
     const char* src = src_;
     unsigned char* dst = dst_ + done_;
     size_t room = capacity_ - done_;
-    // A store writes a byte too many, which the next group overwrites.
-    for (; end_ - src >= 4 && room >= 4; src += 4, dst += 3, room -= 3) {
-      const std::uint32_t bytes = group(src);
-      if (bytes >= kNoLetter) break;
-      std::memcpy(dst, &bytes, 4);
+    // A store writes a byte too many, which the next one overwrites.
+    for (; end_ - src >= 8 && room >= 7; src += 8, dst += 6, room -= 6) {
+      const auto letters = load_le<std::uint64_t>(src);
+      const std::uint32_t first = group(letters);
+      const std::uint32_t second = group(letters >> 32);
+      if ((first | second) >= kNoLetter) break;
+      store_le(dst, first);
+      store_le(dst + 3, second);
     }
     done_ = static_cast<size_t>(dst - dst_);
     src_ = src;
@@ -175,7 +184,7 @@ class Decoder {
   void skip_groups() {
     const char* src = src_;
     for (; end_ - src >= 4; src += 4)
-      if (group(src) >= kNoLetter) break;
+      if (group(load_le<std::uint32_t>(src)) >= kNoLetter) break;
     done_ += static_cast<size_t>(src - src_) / 4 * 3;
     src_ = src;
   }

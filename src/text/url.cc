@@ -10,6 +10,7 @@
 
 #include "internal/handles.h"
 #include "internal/report.h"
+#include "internal/text_traits.h"
 #include "text/new_text.h"
 #include "text/utf8_forms.h"
 
@@ -45,10 +46,6 @@ char* put_escape(char* dst, std::uint32_t code) {
   for (; shift >= 0; shift -= 4) *dst++ = __kel_hex_tab[code >> shift & 15];
   return dst;
 }
-
-/// A character's code, never negative.
-std::uint32_t code_of(char c) { return static_cast<unsigned char>(c); }
-std::uint32_t code_of(wchar_t c) { return static_cast<std::uint32_t>(c); }
 
 template <class Char>
 char* encode(const Char* src, std::size_t limit, char* dst) {

@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "internal/report.h"
+#include "internal/text_traits.h"
 #include "text/utf8_blocks.h"
 #include "text/utf8_forms.h"
 
@@ -88,7 +89,7 @@ int validate_utf16_codeunit(const uint16_t* u) {
 }
 
 int wc_to_utf16(wchar_t c, uint16_t out[2]) {
-  const auto code = static_cast<std::uint32_t>(c);
+  const std::uint32_t code = code_of(c);
   if (code < 0x10000) {
     out[0] = static_cast<std::uint16_t>(code);
     return 1;
@@ -98,13 +99,9 @@ int wc_to_utf16(wchar_t c, uint16_t out[2]) {
   return 2;
 }
 
-unsigned char* wc_to_utf8c(wchar_t c, unsigned char* out) {
-  return put_utf8(static_cast<std::uint32_t>(c), out);
-}
+unsigned char* wc_to_utf8c(wchar_t c, unsigned char* out) { return put_utf8(code_of(c), out); }
 
-int wc_to_utf8c_len(wchar_t c) {
-  return static_cast<int>(utf8_size(static_cast<std::uint32_t>(c)));
-}
+int wc_to_utf8c_len(wchar_t c) { return static_cast<int>(utf8_size(code_of(c))); }
 
 const unsigned char* utf8c_to_wc_nochecks(const unsigned char* s, wchar_t* out) {
   return get_utf8(s, out);

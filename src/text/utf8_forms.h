@@ -17,16 +17,39 @@ constexpr std::size_t utf8_size(std::uint32_t code) noexcept {
   return code < 0x4000000 ? 5 : 6;
 }
 
+namespace detail {
+constexpr unsigned char continuation(std::uint32_t code) noexcept {
+  return static_cast<unsigned char>(0x80 | (code & 0x3F));
+}
+}  // namespace detail
+
 /// Writes `code` and returns the place after it.
 constexpr unsigned char* put_utf8(std::uint32_t code, unsigned char* out) noexcept {
   if (code < 0x80) {
     *out = static_cast<unsigned char>(code);
     return out + 1;
   }
+  if (code < 0x800) {
+    out[0] = static_cast<unsigned char>(0xC0 | code >> 6);
+    out[1] = detail::continuation(code);
+    return out + 2;
+  }
+  if (code < 0x10000) {
+    out[0] = static_cast<unsigned char>(0xE0 | code >> 12);
+    out[1] = detail::continuation(code >> 6);
+    out[2] = detail::continuation(code);
+    return out + 3;
+  }
+  if (code < 0x200000) {
+    out[0] = static_cast<unsigned char>(0xF0 | code >> 18);
+    out[1] = detail::continuation(code >> 12);
+    out[2] = detail::continuation(code >> 6);
+    out[3] = detail::continuation(code);
+    return out + 4;
+  }
   const std::size_t size = utf8_size(code);
   code &= 0x7FFFFFFF;
-  for (std::size_t i = size - 1; i != 0; --i, code >>= 6)
-    out[i] = static_cast<unsigned char>(0x80 | (code & 0x3F));
+  for (std::size_t i = size - 1; i != 0; --i, code >>= 6) out[i] = detail::continuation(code);
   out[0] = static_cast<unsigned char>(0xFF00 >> size | code);
   return out + size;
 }
@@ -42,8 +65,26 @@ constexpr bool is_utf8_continuation(unsigned char byte) noexcept { return (byte 
 /// Reads the form at `s` unchecked and returns the place after it.
 template <class Code>
 constexpr const unsigned char* get_utf8(const unsigned char* s, Code* code) noexcept {
+  const unsigned lead = *s;
+  if (lead < 0xC0) {
+    *code = static_cast<Code>(lead);
+    return s + 1;
+  }
+  if (lead < 0xE0) {
+    *code = static_cast<Code>((lead & 0x1F) << 6 | (s[1] & 0x3F));
+    return s + 2;
+  }
+  if (lead < 0xF0) {
+    *code = static_cast<Code>((lead & 0x0F) << 12 | (s[1] & 0x3F) << 6 | (s[2] & 0x3F));
+    return s + 3;
+  }
+  if (lead < 0xF8) {
+    *code = static_cast<Code>((lead & 0x07) << 18 | (s[1] & 0x3F) << 12 | (s[2] & 0x3F) << 6 |
+                              (s[3] & 0x3F));
+    return s + 4;
+  }
   const std::size_t size = utf8_form(*s);
-  std::uint32_t value = size == 1 ? *s : *s & (0x7FU >> size);
+  std::uint32_t value = size == 1 ? lead : lead & (0x7FU >> size);
   for (std::size_t i = 1; i < size; ++i) value = value << 6 | (s[i] & 0x3FU);
   *code = static_cast<Code>(value);
   return s + size;

@@ -2,12 +2,15 @@
 // written by loops that need no checks any more.
 #include <kel/charconv.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <cwchar>
 
 #include "internal/report.h"
+#include "internal/text_traits.h"
 #include "text/new_text.h"
 #include "text/utf8_blocks.h"
 #include "text/utf8_forms.h"
@@ -56,6 +59,35 @@ wchar_t* decode(const unsigned char* s, const unsigned char* end, wchar_t* out) 
   return out;
 }
 
+/// The bytes of `count` characters as UTF-8.
+std::size_t encoded_size(const wchar_t* w, std::size_t count) {
+  constexpr std::size_t kLanes = sizeof(__m128i) / sizeof(wchar_t);
+  constexpr std::size_t kMaxRun = std::size_t{1} << 28;  // keeps the lanes' sums below 2^32
+  std::size_t size = 0;
+  for (const wchar_t* const end = w + count; w != end;) {
+    const std::size_t run = std::min(static_cast<std::size_t>(end - w), kMaxRun) / kLanes * kLanes;
+    if (run == 0) {
+      for (; w != end; ++w) size += utf8_size(code_of(*w));
+      break;
+    }
+    size += run;
+    __m128i more = _mm_setzero_si128();  // bytes beyond the first
+    for (const wchar_t* const run_end = w + run; w != run_end; w += kLanes) {
+      const __m128i codes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(w));
+      // What has bit 31 set takes six bytes, as the largest code does.
+      const __m128i signs = _mm_srai_epi32(codes, 31);
+      const __m128i largest = _mm_srli_epi32(signs, 1);
+      const __m128i signless = _mm_or_si128(_mm_andnot_si128(signs, codes), largest);
+      for (const int last : {0x7F, 0x7FF, 0xFFFF, 0x1FFFFF, 0x3FFFFFF})
+        more = _mm_sub_epi32(more, _mm_cmpgt_epi32(signless, _mm_set1_epi32(last)));
+    }
+    std::uint32_t sums[kLanes];
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(sums), more);
+    for (const std::uint32_t sum : sums) size += sum;
+  }
+  return size;
+}
+
 }  // namespace
 
 wchar_t* utf8towcs_malloced(const char* utf8) {
@@ -79,12 +111,11 @@ wchar_t* utf8towcs_malloced(const char* utf8) {
 
 char* wcstoutf8_malloced(const wchar_t* w) {
   if (w == nullptr) return fail<char*>(nullptr, EINVAL, "%s: invalid NULL parameter", __func__);
-  std::size_t size = 0;
-  for (const wchar_t* c = w; *c != L'\0'; ++c) size += utf8_size(static_cast<std::uint32_t>(*c));
-  auto text = new_text<char>(size, __func__);
+  const std::size_t count = std::wcslen(w);
+  auto text = new_text<char>(encoded_size(w, count), __func__);
   if (text == nullptr) return nullptr;
   auto* out = reinterpret_cast<unsigned char*>(text.get());
-  for (; *w != L'\0'; ++w) out = put_utf8(static_cast<std::uint32_t>(*w), out);
+  for (const wchar_t* const end = w + count; w != end; ++w) out = put_utf8(code_of(*w), out);
   *out = '\0';
   return text.release();
 }

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cwchar>
-#include <type_traits>
 
 #include "internal/report.h"
 #include "internal/text_traits.h"
@@ -34,7 +33,7 @@ To* convert_plain(const PlainSet& set, const char* function, To* dst, const From
     return fail<To*>(nullptr, EINVAL, "%s: invalid NULL parameter", function);
   }
   for (std::size_t i = 0; i < n; ++i) {
-    const std::uint32_t code = static_cast<std::make_unsigned_t<From>>(src[i]);
+    const std::uint32_t code = code_of(src[i]);
     if (code > set.last) {
       dst[0] = 0;
       return fail<To*>(nullptr, set.refusal, "%s: %s", function, set.refusal_text);

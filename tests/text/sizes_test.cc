@@ -7,6 +7,7 @@
 #include <sstream>
 #include <string>
 
+#include "support/import_hook.h"
 #include "support/reports.h"
 #include "text/peer.h"
 
@@ -117,6 +118,12 @@ TEST(Sizes, RoundedTextsAreForPeopleAndCutToFit) {
   EXPECT_EQ(rounded(1536, 2, 1), "");
   EXPECT_EQ(rounded(1536, 100), "1.5" + std::string(99, '0') + " KiB");
   EXPECT_EQ(rounded(1536, 1000, 20), "1.50000000000000000");
+
+  const kel::testing::ReportCapture reports;
+  const kel::testing::Fault<"malloc", void*(size_t)> fault(1, nullptr, ENOMEM);
+  wchar_t wide[20];
+  EXPECT_EQ(sizetofloatwcs(wide, 20, 1536, 1000), nullptr);
+  EXPECT_EQ(errno, ENOMEM);
 }
 
 TEST(Sizes, NumbersAreReadWithTheUnitThatFollows) {

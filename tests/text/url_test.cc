@@ -2,8 +2,10 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <random>
 #include <string>
@@ -92,19 +94,16 @@ TEST(Url, DecodesEscapesPlusAndCodePoints) {
 
 TEST(Url, GoesThereAndBackAndAgreesWithPython) {
   std::mt19937 random(5);
-  std::string bytes;
-  while (bytes.size() < 5000)
-    if (const char byte = static_cast<char>(random()); byte != '\0') bytes += byte;
-  const std::string encoded = encode(bytes);
-  EXPECT_EQ(decode(encoded), bytes);
-  EXPECT_EQ(decode_wide(encoded),
-            std::wstring(reinterpret_cast<const unsigned char*>(bytes.data()),
-                         reinterpret_cast<const unsigned char*>(bytes.data() + bytes.size())));
+  const std::string bytes = kel::testing::random_bytes(random, 5000);
+  std::string text = "\x80\xFF +%";
+  std::copy_if(bytes.begin(), bytes.end(), std::back_inserter(text), [](char c) { return c != 0; });
+  const std::string encoded = encode(text);
+  EXPECT_EQ(decode(encoded), text);
   if (std::system("command -v python3 >/dev/null") != 0) GTEST_SKIP() << "no python3";
   EXPECT_EQ(kel::testing::filtered("python3 -c 'import sys, urllib.parse as u; "
                                    "sys.stdout.buffer.write(u.unquote_to_bytes(sys.stdin.read()))'",
                                    encoded),
-            bytes);
+            text);
 }
 
 TEST(Url, NewTextsAndStreamsSurviveFailures) {

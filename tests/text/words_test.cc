@@ -15,43 +15,28 @@ using kel::testing::ReportCapture;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
+/// Reads a text whose '|' marks where reading has to stop, in both widths.
+void check_bool(std::string marked, int expected) {
+  const size_t read = marked.find('|');
+  const std::string text = marked.erase(read, 1);
+  const std::wstring wide(text.begin(), text.end());
+  char* end;
+  wchar_t* wide_end;
+  EXPECT_EQ(strtobool(text.c_str(), &end), expected) << text;
+  EXPECT_EQ(end, text.c_str() + read) << text;
+  EXPECT_EQ(wcstobool(wide.c_str(), &wide_end), expected);
+  EXPECT_EQ(wide_end, wide.c_str() + read);
+}
+
 TEST(Words, BooleansMatchByTheStartOfTheText) {
   ReportCapture reports;
-  struct Row {
-    std::string text;
-    int value;
-    size_t read;
-  };
-  for (const Row& row : {Row{"YES", 1, 3},
-                         {"yesterday", 1, 3},
-                         {"y", 1, 1},
-                         {"yeah", 1, 1},
-                         {"1", 1, 1},
-                         {"True", 1, 4},
-                         {"tru", 1, 1},
-                         {"No", 0, 2},
-                         {"nope", 0, 2},
-                         {"n", 0, 1},
-                         {"0", 0, 1},
-                         {"False", 0, 5},
-                         {"fa", 0, 1},
-                         {"10", 1, 1}}) {
-    char* end;
-    EXPECT_EQ(strtobool(row.text.c_str(), &end), row.value);
-    EXPECT_EQ(end, row.text.c_str() + row.read) << row.text;
-    const std::wstring wide(row.text.begin(), row.text.end());
-    wchar_t* wide_end;
-    EXPECT_EQ(wcstobool(wide.c_str(), &wide_end), row.value);
-    EXPECT_EQ(wide_end, wide.c_str() + row.read);
-  }
+  for (const char* yes : {"YES|", "yes|terday", "y|", "y|eah", "1|", "True|", "t|ru", "1|0"})
+    check_bool(yes, 1);
+  for (const char* no : {"No|", "no|pe", "n|", "0|", "False|", "f|a"}) check_bool(no, 0);
   EXPECT_THAT(reports.take(), IsEmpty());
-  const char* const other = "2";
-  char* end;
   errno = 0;
-  EXPECT_EQ(strtobool(other, &end), 0);
+  check_bool("|2", 0);
   EXPECT_EQ(errno, ERANGE);
-  EXPECT_EQ(end, other);
-  EXPECT_EQ(wcstobool(L"", nullptr), 0);
   EXPECT_EQ(strtobool(nullptr, nullptr), 0);
   EXPECT_THAT(reports.take(), ElementsAre(error(ERANGE, "strtobool: value outside of range"),
                                           error(ERANGE, "wcstobool: value outside of range"),
@@ -60,44 +45,35 @@ TEST(Words, BooleansMatchByTheStartOfTheText) {
 
 TEST(Words, TimesOfDayAreReadOrRefusedByTheirPart) {
   ReportCapture reports;
-  struct Row {
-    std::string text;
-    int seconds;
-    std::string rest;
-  };
-  for (const Row& row : {Row{"7:05", 25500, ""},
-                         {"23:59:59", 86399, ""},
-                         {"0:00", 0, ""},
-                         {"07:5:9 h", 25509, " h"},
-                         {"1:2:3:4", 3723, ":4"},
-                         {"00012:00", 43200, ""}}) {
-    char* end;
+  char* end;
+  const std::pair<const char*, int> read[] = {
+      {"7:05", 25500}, {"23:59:59", 86399}, {"0:00", 0}, {"07:5:9", 25509}, {"00012:00", 43200}};
+  for (const auto& [text, seconds] : read) {
     errno = EIO;
-    EXPECT_EQ(strtotimeofday(row.text.c_str(), &end), row.seconds);
+    EXPECT_EQ(strtotimeofday(text, &end), seconds);
     EXPECT_EQ(errno, 0);
-    EXPECT_EQ(end, row.rest);
+    EXPECT_STREQ(end, "");
   }
-  EXPECT_THAT(reports.take(), IsEmpty());
-  const std::pair<const char*, const char*> refused[] = {
-      {"", "hour value not a digit"},
-      {" 7:05", "hour value not a digit"},
-      {"24:00", "hour value outside of range or inproper format"},
-      {"12", "hour value outside of range or inproper format"},
-      {"1 :00", "hour value outside of range or inproper format"},
-      {"12:", "minute value not a digit"},
-      {"12:+1", "minute value not a digit"},
-      {"12:60", "minute value outside of range"},
-      {"12:99999999999999999999", "minute value outside of range"},
-      {"12:00:", "second value not a digit"},
-      {"12:00:60", "second value outside of range"}};
-  for (const auto& [text, message] : refused) {
-    char* end;
-    errno = 0;
-    EXPECT_EQ(strtotimeofday(text, &end), 0) << text;
-    EXPECT_EQ(errno, ERANGE);
-    EXPECT_EQ(end, text);
-    EXPECT_THAT(reports.take(),
-                ElementsAre(error(ERANGE, std::string("strtotimeofday: ") + message)));
+  EXPECT_EQ(strtotimeofday("1:2:3:4", &end), 3723);
+  EXPECT_STREQ(end, ":4");
+  reports.take();
+
+  const std::pair<const char*, std::vector<const char*>> refused[] = {
+      {"hour value not a digit", {"", " 7:05", "-1:00"}},
+      {"hour value outside of range or inproper format", {"24:00", "12", "1 :00"}},
+      {"minute value not a digit", {"12:", "12:+1"}},
+      {"minute value outside of range", {"12:60", "12:99999999999999999999"}},
+      {"second value not a digit", {"12:00:"}},
+      {"second value outside of range", {"12:00:60"}}};
+  for (const auto& [message, texts] : refused) {
+    for (const char* text : texts) {
+      errno = 0;
+      EXPECT_EQ(strtotimeofday(text, &end), 0) << text;
+      EXPECT_EQ(errno, ERANGE);
+      EXPECT_EQ(end, text);
+      EXPECT_THAT(reports.take(),
+                  ElementsAre(error(ERANGE, std::string("strtotimeofday: ") + message)));
+    }
   }
   EXPECT_EQ(strtotimeofday("99999999999999999999:00", nullptr), 0);  // no number to speak of
   EXPECT_EQ(errno, ERANGE);

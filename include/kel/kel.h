@@ -8,7 +8,9 @@
 #include <kel/binsort.h>
 #include <kel/array.h>
 #include <kel/bloom.h>
+#include <kel/base64.h>
 #include <kel/blowfish.h>
+#include <kel/charconv.h>
 #include <kel/cipher.h>
 #include <kel/crc.h>
 #include <kel/crypt.h>
@@ -25,5 +27,7 @@
 #include <kel/set.h>
 #include <kel/strings.h>
 #include <kel/uid.h>
+#include <kel/text.h>
+#include <kel/url.h>
 
 #endif

@@ -150,7 +150,8 @@ class KEL_API Cipher {
    * @return bytes written, or -1
    */
   int Process(const void* in, int len, bool last, void* out, unsigned int* padBytes);
-  /// @name Process() under two more names; the direction is the one given to Init(). @{
+  /// @name Process() under two more names; the direction is the one given to Init().
+  /// @{
   int Encrypt(const void* in, int len, bool last, void* out, unsigned int* padBytes);
   int Decrypt(const void* in, int len, bool last, void* out, unsigned int* padBytes);
   /// @}

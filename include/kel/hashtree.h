@@ -100,7 +100,8 @@ typedef struct KelHashTreeIterator {
   uint64_t generation;   /**< the tree's generation when the path was filled */
 } KelHashTreeIterator;
 
-/** @name Trees: set-up and teardown @{ */
+/** @name Trees: set-up and teardown
+ * @{ */
 /**
  * Sets up a tree without records.
  *
@@ -267,7 +268,8 @@ KEL_API int KelHashTreeNodeHasChild(const KelHashTreeNode* node, const KelHashTr
 KEL_API int KelHashTreeNodeValidate(const KelHashTreeNode* root);
 /** @} */
 
-/** @name Paths @{ */
+/** @name Paths
+ * @{ */
 /** sizeof(KelHashTreePath) in the library. */
 KEL_API uint64_t KelHashTreePathSize(void);
 /** Makes `path` an empty path and returns it. */

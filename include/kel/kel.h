@@ -5,8 +5,14 @@
 #ifndef KEL_KEL_H
 #define KEL_KEL_H
 
+#include <kel/binsort.h>
+#include <kel/array.h>
+#include <kel/bloom.h>
+#include <kel/base64.h>
 #include <kel/blowfish.h>
+#include <kel/charconv.h>
 #include <kel/cipher.h>
+#include <kel/crc.h>
 #include <kel/crypt.h>
 #include <kel/digest.h>
 #include <kel/export.h>
@@ -18,6 +24,11 @@
 #include <kel/preallocator.h>
 #include <kel/runtime.h>
 #include <kel/safeio.h>
+#include <kel/serialize.h>
+#include <kel/set.h>
 #include <kel/strings.h>
+#include <kel/uid.h>
+#include <kel/text.h>
+#include <kel/url.h>
 
 #endif

@@ -28,7 +28,8 @@ KEL_BEGIN_DECLS
 /** Shows how a tool is used, on standard output. */
 typedef void (*kelUsageFn)(const char* programName);
 
-/** @name Start and stop @{ */
+/** @name Start and stop
+ * @{ */
 /**
  * Starts the library: time base, locale from the environment, libcurl, memory accounting, marker
  * files. Later calls do nothing.
@@ -47,7 +48,8 @@ KEL_API bool PerfEnabled(void);
 KEL_API void RefreshMarkerFiles(void);
 /** @} */
 
-/** @name Versions @{ */
+/** @name Versions
+ * @{ */
 /** Version of the calling convention, "6.0.0.0". */
 KEL_API const char* KelGetVersion(void);
 /** One line for people: name, interface version, date. */
@@ -73,18 +75,22 @@ KEL_API bool CheckKELVersion(const char* version);
  */
 KEL_API void _checkCommonArgs(int* argc, char** argv, kelUsageFn usage, const char* version,
                               const char* buildDate, const char* buildTime, const char* buildType);
-/** What --help prints; does not return. */
+/** Prints what --help prints. */
 KEL_API void ShowUsage(char** argv, kelUsageFn usage) __attribute__((noreturn));
+/** Prints what --version prints. */
 KEL_API void _showVersion(const char* name, const char* version) __attribute__((noreturn));
+/** Prints what --features prints. */
 KEL_API void _showFeatures(const char* version, const char* buildDate, const char* buildTime,
                            const char* buildType) __attribute__((noreturn));
 /** @} */
 
-/** @name Program information @{ */
+/** @name Program information
+ * @{ */
 /** The part of `path` after its last '/'. */
 KEL_API const char* GetProgramName(const char* path);
 /** Writes the copyright notice to standard output; the result of fputs(3). */
 KEL_API int ShowCopyrights(void);
+/** Writes it to `stream`. */
 KEL_API int ShowCopyrights2(FILE* stream);
 /** Prints a summary of system, memory and process; null: to standard output. */
 KEL_API void OSTest(FILE* stream);
@@ -105,6 +111,7 @@ KEL_API void kelSetFatalError(const char* function, int messageId, const char* f
 KEL_API void kelGetFatalError(char* buf, size_t len);
 /** 1 when there is a record, else 0. */
 KEL_API int kelFatalErrorExists(void);
+/** Empties the record, so that the next error is recorded again. */
 KEL_API void kelClearFatalError(void);
 /** Sets the prefix of later records, 256 characters at most; with `overwrite` 0 only when none is
  * set. */

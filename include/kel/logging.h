@@ -56,8 +56,8 @@
 #define KEL_LOG_TIME_ONLY 0x800000   /**< the date is shortened to the time of day */
 /** @} */
 
-/** @name Extended levels of one component: enabled by #KEL_LOG_INFO, long date, labels of their
- * own. @{ */
+/** @name Extended levels of one component
+ * Enabled by #KEL_LOG_INFO; labels of their own, and the long date. @{ */
 #define KEL_LOG_YARL_ERROR 0x2000000
 #define KEL_LOG_YARL_INFO 0x4000000
 #define KEL_LOG_YARL_DEBUG 0x8000000
@@ -163,8 +163,8 @@ KEL_API void kelLogSet(const char* path, int flags, int syslogFlags);
  * Sets this thread's log file and line tag and, on the owning thread, the process's flags.
  *
  * The first call of the process opens the system log when `syslogFlags` is neither 0 nor silent;
- * later calls change the mask only. Takes the log lock; may block up to a second in that first
- * call.
+ * later calls change the mask only. Takes the log lock; that first call may block for two seconds,
+ * after which the system log is given up.
  *
  * @param path         log file, cut at 4,095 characters; null or empty: none. In a path without '/'
  *                     every backslash becomes '/'.
@@ -186,7 +186,10 @@ KEL_API int kelLogSetFlags(int flags, int syslogFlags);
 KEL_API void kelLogGetFlags(int* flags, int* syslogFlags);
 /** This thread's log file, or "(null)". */
 KEL_API const char* kelLogPathA(void);
-/** Sets this thread's redirector; null removes it. */
+/**
+ * Sets this thread's redirector; null removes it. Threads that begin to report later take over the
+ * redirector and the base code that the owning thread had at its last kelLogSet().
+ */
 KEL_API void kelLogSetRedirector(kelLogRedirector redirector);
 /** Sets what is added to every printed code of this thread; returns the value before. */
 KEL_API int kelLogSetBaseCode(int base);

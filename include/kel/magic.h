@@ -35,7 +35,8 @@
 /** Size of the header in bytes. */
 #define KEL_MAGIC_SIZE 14
 
-/** @name Flags that the stream writer sets. @{ */
+/** @name Flags that the stream writer sets.
+ * @{ */
 #define KEL_MAGIC_SIMPLE 0x0001    /**< neither compressed nor encrypted */
 #define KEL_MAGIC_ENCRYPTED 0x0002 /**< with the cipher that both sides know */
 #define KEL_MAGIC_DEFLATED 0x0010  /**< compressed with zlib */
@@ -45,7 +46,8 @@
 #define KEL_MAGIC_V2 0x4000        /**< every stream: blocks and trailer of the second version */
 /** @} */
 
-/** @name Flags that are recognised but never written. @{ */
+/** @name Flags that are recognised but never written.
+ * @{ */
 #define KEL_MAGIC_PLUGIN_ENCRYPTED 0x0004
 #define KEL_MAGIC_SKIPJACK 0x0008
 #define KEL_MAGIC_CACHE 0x0040

@@ -76,7 +76,8 @@ typedef struct preallocator_iterator_t {
  */
 typedef void (*preallocator_move_fn)(void* from, void* to, uint64_t size, void* context);
 
-/** @name Sizes @{ */
+/** @name Sizes
+ * @{ */
 /**
  * The size of a slab that holds exactly `num_blocks` blocks: num_blocks * block_size + 12. See
  * above for what it means for alignment.
@@ -92,7 +93,8 @@ KEL_API uint64_t preallocator_calc_slab_size(uint64_t num_blocks, uint64_t block
 KEL_API uint64_t preallocator_calc_num_blocks_per_slab(uint64_t slab_size, uint64_t block_size);
 /** @} */
 
-/** @name Life cycle @{ */
+/** @name Life cycle
+ * @{ */
 /**
  * Makes a preallocator without slabs.
  *
@@ -125,7 +127,8 @@ KEL_API void preallocator_reset(preallocator_t* a);
 KEL_API int preallocator_preallocate(preallocator_t* a, uint64_t num_blocks);
 /** @} */
 
-/** @name Blocks @{ */
+/** @name Blocks
+ * @{ */
 /**
  * Takes a block. Its first word is the marker plus one, the rest is what was left there. A new
  * slab is used from its lowest block upward, then older free blocks.
@@ -164,7 +167,8 @@ KEL_API void* preallocator_iterator_first(preallocator_iterator_t* it, prealloca
 KEL_API void* preallocator_iterator_next(preallocator_iterator_t* it);
 /** @} */
 
-/** @name Compaction @{ */
+/** @name Compaction
+ * @{ */
 /**
  * Empties the newest slab by moving its live blocks into free blocks of others, and releases it.
  * Costs a pass over the slab.

@@ -65,12 +65,14 @@ typedef struct kelCallback kelCallback;
 KEL_API kelCallback* kelCallbackAdd(kelCallback* list, kelCallbackFn fn, void* context);
 /** Counts every match down and drops those at 0. A null `fn` or `context` matches any. */
 KEL_API kelCallback* kelCallbackRemove(kelCallback* list, kelCallbackFn fn, void* context);
+/** Calls every callback as often as it was added, then frees what was removed meanwhile. */
 KEL_API kelCallback* kelCallCallbackList(kelCallback* list, void* first, void* second);
 /** Frees every node, whatever its state. */
 KEL_API void kelCallbackListDelete(kelCallback* list);
 /** @} */
 
-/** @name Clocks @{ */
+/** @name Clocks
+ * @{ */
 /** Milliseconds of a clock that only runs forward, cut to 32 bits (49.7 days); 0 before
  * _KelLibInit(). */
 KEL_API unsigned int GetTickCount(void);
@@ -115,7 +117,8 @@ KEL_API unsigned int RandomRange(unsigned int low, unsigned int high);
 KEL_API size_t _dc_open0(void* buf, size_t len);
 /** @} */
 
-/** @name One-liners @{ */
+/** @name One-liners
+ * @{ */
 /** pthread_self(3). */
 KEL_API unsigned long GetTid(void);
 /** 1 when `thread` is not 0. */
@@ -157,8 +160,8 @@ class KEL_API KelAllocator {
   KelAllocator(const char* name, bool enabled) noexcept;
   ~KelAllocator();
 
-  /// operator new; throws std::bad_alloc as that does.
-  void* Alloc(unsigned long size);
+  /// operator new, but null when there is no memory.
+  void* Alloc(unsigned long size) noexcept;
   /// @param size  what was given to Alloc()
   void Free(void* ptr, unsigned long size) noexcept;
   /// Reports the bytes in use at information level, when enabled. "datastore" adds the datastore

@@ -47,7 +47,8 @@ KEL_API ssize_t safe_pread(int fd, void* buf, size_t count, off_t offset);
 KEL_API ssize_t safe_pwrite(int fd, const void* buf, size_t count, off_t offset);
 /** @} */
 
-/** @name Descriptors: the system call, repeated while a signal interrupts it. @{ */
+/** @name Descriptors: the system call, repeated while a signal interrupts it.
+ * @{ */
 KEL_API int safe_fsync(int fd);
 KEL_API int safe_fdatasync(int fd);
 KEL_API int safe_ftruncate(int fd, off_t length);
@@ -116,7 +117,8 @@ KEL_API int rename_dirfsync(const char* src, const char* dst, const char* dir, b
 KEL_API int unlink_dirfsync(const char* path, const char* dir, bool quiet);
 /** @} */
 
-/** @name The C library's functions under the library's names: no retry, no report. @{ */
+/** @name The C library's functions under the library's names: no retry, no report.
+ * @{ */
 KEL_API FILE* kel_fopen(const char* path, const char* mode);
 /** fopen(3) with the first three characters of `mode` that are left when every 'i' and "i-" is
  * dropped: "rbi" opens with "rb", "wi-b" with "wb". */

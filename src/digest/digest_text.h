@@ -5,12 +5,14 @@
 #include <kel/logging.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstddef>
 #include <cstring>
 
 #include "internal/bytes.h"
 #include "internal/hex.h"
 #include "internal/report.h"
+#include "internal/text_traits.h"
 
 namespace kel::internal {
 
@@ -91,7 +93,8 @@ size_t deserialize(const DigestFamily<Size>& family, unsigned char* digest, cons
     const int which = good % 2 == 0 ? 1 : 2;
     return family.shows_refused_text
                ? fail(size_t{0}, EINVAL, "%s: c%d is a non-digit found. [%.*s]",
-                      family.deserialize_name, which, static_cast<int>(needed), text)
+                      family.deserialize_name, which,
+                      static_cast<int>(std::min<size_t>(size, INT_MAX)), text)
                : fail(size_t{0}, EINVAL, "%s: c%d is a non-digit found", family.deserialize_name,
                       which);
   }
@@ -114,8 +117,14 @@ template <size_t Size>
 unsigned char* from_string(const DigestFamily<Size>& family, const char* text,
                            unsigned char* digest, const char* function) {
   if (text == nullptr || digest == nullptr) return fail_null<unsigned char*>(nullptr, function);
-  // A text that is too short ends in its terminator, which is no digit.
-  if (deserialize(family, digest, text, family.kTextSize, 0) == 0)
+  const size_t length = std::strlen(text);
+  // Of a text that is too short nothing may be read behind its terminator, which is no digit.
+  char padded[DigestFamily<Size>::kTextSize + 1] = {};
+  if (length < family.kTextSize) {
+    copy_cut(padded, text);
+    text = padded;
+  }
+  if (deserialize(family, digest, text, std::max(length, family.kTextSize), 0) == 0)
     return fail<unsigned char*>(nullptr, EINVAL, "%s: failed to deserialize %s", function,
                                 family.name);
   return digest;

@@ -83,11 +83,11 @@ KelAllocator::KelAllocator(const char* name, bool enabled) noexcept : enabled_(e
   copy_cut(name_, name);
 }
 
-KelAllocator::~KelAllocator() = default;
+KelAllocator::~KelAllocator() {}  // not defaulted: it is part of the exported interface
 
-void* KelAllocator::Alloc(unsigned long size) {
-  void* block = ::operator new(size);
-  if (enabled_) in_use_ += static_cast<long>(size);
+void* KelAllocator::Alloc(unsigned long size) noexcept {
+  void* block = ::operator new(size, std::nothrow);
+  if (enabled_ && block != nullptr) in_use_ += static_cast<long>(size);
   return block;
 }
 
@@ -124,11 +124,11 @@ void* XMalloc(int slot, size_t size) {
 }
 
 void* XCalloc(int slot, size_t count, size_t size) {
-  Slot& s = slot_at(slot);
-  if (!s.enabled) return std::calloc(count, size);
   size_t total;
   if (__builtin_mul_overflow(count, size, &total) || !fits_with_header(total))
     return fail_quietly<void*>(nullptr, ENOMEM);
+  Slot& s = slot_at(slot);
+  if (!s.enabled) return std::calloc(count, size);
   return hand_out(s, std::calloc(1, total + kHeader), total);
 }
 

@@ -23,16 +23,25 @@ bool matches(const kelCallback* node, kelCallbackFn fn, const void* context) {
   return (fn == nullptr || node->fn == fn) && (context == nullptr || node->context == context);
 }
 
-int count_unused(const kelCallback* list) {
-  int unused = 0;
-  for (; list != nullptr; list = list->next) unused += list->count <= 0;
-  return unused;
+template <class Test>
+bool any(const kelCallback* list, Test test) {
+  while (list != nullptr && !test(list)) list = list->next;
+  return list != nullptr;
+}
+
+/// Whether the list is being called; the call walks it, so that no node may go meanwhile.
+bool is_running(const kelCallback* list) {
+  return any(list, [](const kelCallback* node) { return node->running != 0; });
+}
+
+bool has_unused(const kelCallback* list) {
+  return any(list, [](const kelCallback* node) { return node->count <= 0; });
 }
 
 kelCallback* collect(kelCallback* list) {
   for (kelCallback* node = list; node != nullptr;) {
     kelCallback* next = node->next;
-    if (node->count <= 0 && node->running == 0) {
+    if (node->count <= 0) {
       (node->previous != nullptr ? node->previous->next : list) = next;
       if (next != nullptr) next->previous = node->previous;
       std::free(node);
@@ -62,16 +71,13 @@ kelCallback* kelCallbackAdd(kelCallback* list, kelCallbackFn fn, void* context) 
 
 kelCallback* kelCallbackRemove(kelCallback* list, kelCallbackFn fn, void* context) {
   int matched = 0;
-  bool running = false;
   for (kelCallback* node = list; node != nullptr; node = node->next) {
-    running = running || node->running != 0;
     if (!matches(node, fn, context)) continue;
     --node->count;
     ++matched;
   }
   if (matched == 0) return list;
-  if (running) {
-    // The call in progress still walks this list, and may hold any of its nodes.
+  if (is_running(list)) {
     if (TraceOn())
       __Trace(
           "%s: called while callback was currently executing. %i callbacks will be collected at "
@@ -89,7 +95,7 @@ kelCallback* kelCallCallbackList(kelCallback* list, void* first, void* second) {
     for (int calls = node->count; calls > 0; --calls) node->fn(first, second, node->context);
     --node->running;
   }
-  if (count_unused(list) == 0) return list;
+  if (!has_unused(list) || is_running(list)) return list;
   if (TraceOn()) __Trace("%s: about to perform garbage collection", __func__);
   return collect(list);
 }

@@ -1,6 +1,7 @@
 // The process's flags, and the system log behind them.
 #include <kel/logging.h>
 
+#include <pthread.h>
 #include <signal.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include "frame/log_context.h"
 #include "internal/atomic_field.h"
 #include "internal/handles.h"
+#include "internal/report.h"
 #include "internal/text_traits.h"
 
 using kel::internal::load_field;
@@ -21,8 +23,18 @@ LogConfig logconf;
 namespace {
 
 volatile sig_atomic_t alarm_seen = 0;
+pthread_t probing_thread;
 
-void record_alarm(int signal) { alarm_seen = signal; }
+/// Breaks the send that the probe waits in, whichever thread the signal came to, and again until it
+/// gives up: syslog(3) answers a first failure with a second attempt, which blocks like the first.
+void record_alarm(int signal) {
+  const kel::internal::ErrnoGuard keep;
+  alarm_seen = signal;
+  if (pthread_equal(pthread_self(), probing_thread) == 0)
+    pthread_kill(probing_thread, signal);
+  else
+    alarm(1);
+}
 
 }  // namespace
 
@@ -73,17 +85,16 @@ bool LogConfig::SupportSyslog() {
   static char name[kel::internal::kProcessNameSize];  // openlog() keeps the pointer
   kel::internal::read_process_name(name);
   openlog(name, LOG_PID | LOG_NDELAY, LOG_LOCAL4);
+  probing_thread = pthread_self();
   struct sigaction on_alarm = {};
   on_alarm.sa_handler = record_alarm;  // no SA_RESTART: the alarm must break a blocking send
   sigaction(SIGALRM, &on_alarm, nullptr);
   alarm_seen = 0;
   alarm(1);
   syslog(LOG_DEBUG, "DEBUG : syslog opened");
+  alarm(0);
   const bool answered = alarm_seen == 0;
-  if (answered)
-    alarm(0);
-  else
-    closelog();
+  if (!answered) closelog();
   signal(SIGALRM, SIG_DFL);
   return answered;
 }

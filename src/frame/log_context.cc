@@ -2,11 +2,13 @@
 #include "frame/log_context.h"
 
 #include <atomic>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
 #include "frame/log_sink.h"
 #include "internal/atomic_field.h"
+#include "internal/handles.h"
 #include "internal/report.h"
 #include "internal/text_traits.h"
 
@@ -16,7 +18,7 @@ int num_lc = 0;
 namespace kel::internal {
 namespace {
 
-pthread_key_t context_key;
+pthread_key_t context_key = PTHREAD_KEYS_MAX;  // no key, should none be left to make
 pthread_mutex_t log_lock;
 pthread_once_t once = PTHREAD_ONCE_INIT;
 
@@ -51,18 +53,20 @@ void inherit_settings(kelLogCtx* context) {
 
 [[gnu::noinline]] kelLogCtx* make_context() noexcept {
   const ErrnoGuard keep;
-  auto* context = static_cast<kelLogCtx*>(std::calloc(1, sizeof(kelLogCtx)));
-  if (context == nullptr) {
+  MallocPtr<kelLogCtx> own(static_cast<kelLogCtx*>(std::calloc(1, sizeof(kelLogCtx))));
+  // Binding allocates too when the process has many keys.
+  if (own != nullptr && pthread_setspecific(context_key, own.get()) != 0) own.reset();
+  if (own == nullptr) {
     std::fprintf(stderr,
                  "ALERT: Could not establish a logging context: malloc failed for %u bytes (%s). "
                  "Using the default logging context instead.\n",
                  static_cast<unsigned>(sizeof(kelLogCtx)), std::strerror(errno));
-    context = &lclocal;
+    pthread_setspecific(context_key, &lclocal);
   }
+  kelLogCtx* context = own != nullptr ? own.release() : &lclocal;
   const LogLock lock;
   std::snprintf(context->threadTag, sizeof context->threadTag,
                 " [%lu]: ", static_cast<unsigned long>(pthread_self()));
-  pthread_setspecific(context_key, context);
   if (context != &lclocal && num_lc > 0) inherit_settings(context);
   context->number = add_field(num_lc, 1);
   return context;

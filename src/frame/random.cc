@@ -13,13 +13,23 @@ namespace {
 pthread_once_t once = PTHREAD_ONCE_INIT;
 pthread_mutex_t generator;
 
-/// Released by unwinding too, so that a thread cancelled inside leaves the generator usable.
+/// Puts cancellation off while it lives: a thread that ended inside the generator would leave this
+/// lock, or one of OpenSSL's own, taken for ever.
 class GeneratorLock {
  public:
-  GeneratorLock() noexcept { pthread_mutex_lock(&generator); }
-  ~GeneratorLock() { pthread_mutex_unlock(&generator); }
+  GeneratorLock() noexcept {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state_);
+    pthread_mutex_lock(&generator);
+  }
+  ~GeneratorLock() {
+    pthread_mutex_unlock(&generator);
+    pthread_setcancelstate(cancel_state_, nullptr);
+  }
   GeneratorLock(const GeneratorLock&) = delete;
   GeneratorLock& operator=(const GeneratorLock&) = delete;
+
+ private:
+  int cancel_state_ = PTHREAD_CANCEL_ENABLE;
 };
 
 uint32_t random_word() {

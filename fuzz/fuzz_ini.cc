@@ -35,11 +35,12 @@ std::string read_file(const std::string& path) {
 }
 
 std::vector<std::string> names(const char* section, const std::string& path) {
-  std::vector<char> buf(1 << 20);
-  const int size = InifileGetValueA(section, nullptr, buf.data(), 1 << 20, nullptr, path.c_str());
+  static char buf[1 << 13];  // cleared by every call
+  const int size = InifileGetValueA(section, nullptr, buf, sizeof buf, nullptr, path.c_str());
   std::vector<std::string> found;
+  if (size > static_cast<int>(sizeof buf)) return found;
   for (int at = 0; at < size; at += static_cast<int>(found.back().size()) + 1)
-    found.emplace_back(&buf[static_cast<size_t>(at)]);
+    found.emplace_back(&buf[at]);
   return found;
 }
 

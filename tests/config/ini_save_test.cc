@@ -228,7 +228,7 @@ TEST_F(IniSave, KilledAtAnyStepLeavesTheOldOrTheNewText) {
 }
 
 TEST_F(IniSave, KilledAtRandomMomentsLeavesAWholeFileAtEveryMoment) {
-  constexpr int kKills = 300;
+  constexpr int kKills = 200;
   const std::string big(20'000, 'b');
   ASSERT_EQ(InifileSaveValueA("S", "big", big.c_str(), file), 1);
   const std::string fresh = saved();

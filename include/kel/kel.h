@@ -5,10 +5,10 @@
 #ifndef KEL_KEL_H
 #define KEL_KEL_H
 
-#include <kel/binsort.h>
 #include <kel/array.h>
-#include <kel/bloom.h>
 #include <kel/base64.h>
+#include <kel/binsort.h>
+#include <kel/bloom.h>
 #include <kel/blowfish.h>
 #include <kel/charconv.h>
 #include <kel/cipher.h>
@@ -27,8 +27,8 @@
 #include <kel/serialize.h>
 #include <kel/set.h>
 #include <kel/strings.h>
-#include <kel/uid.h>
 #include <kel/text.h>
+#include <kel/uid.h>
 #include <kel/url.h>
 
 #endif

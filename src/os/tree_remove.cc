@@ -244,13 +244,11 @@ class TreeRemover {
     int error = ::unlinkat(parent.fd, name, AT_REMOVEDIR) == 0 ? 0 : errno;
     if (error == ENOTDIR) error = ::unlinkat(parent.fd, name, 0) == 0 ? 0 : errno;
     if ((error == ENOTEMPTY || error == EEXIST) && goes_on(level)) return empty();
-    const bool failed = level.failed;
     drop_level();
     names_.cut(at);
-    if (error == 0)
-      parent.removed = true;
-    else if (failed || error != ENOENT)
-      note(error);
+    if (error != 0 && error != ENOENT) return note(error);
+    parent.removed = true;
+    if (levels_.size() == 1) error_ = 0;  // all is gone, whatever went wrong on the way
   }
 
   /// Whether there may be more to find in a level that turned out not to be empty.

@@ -130,8 +130,8 @@ KEL_API int lzo_compression_init(void);
  * @param flush  1 when there is no input beyond what is given, so that a stream that ends early is
  *               found (-3); else 0
  * @return 1 when the trailer was reached and all output delivered, 0 when more input or output room
- * is needed, or a negative code: -2 also for any other `flush`; -5 without room for output that
- *         waits; -31 for a wrong key
+ *         is needed, or a negative code: -2 also for any other `flush`; -5 when nothing can be done
+ *         without output room; -31 for a wrong key
  */
 KEL_API int dcpDecrypt(c_stream_t* c, int flush);
 /** Frees the reader's state, wipes its key material and clears the settings; 0, or -2 without a
@@ -169,8 +169,9 @@ KEL_END_DECLS
  *
  * @param c      zero but for zlevel, zwindow and zalgorithm
  * @param flags  KEL_CRYPT_ flags
- * @return 0; -2 for a bad level, window or cipher type; -3 (reported) for a bad algorithm; -4
- *         (reported) without memory. After -2 and -3 dcpEncryptEnd() is still due.
+ * @return 0; -2 for a bad level, window or (reported) cipher type; -3 (reported) for a bad
+ *         algorithm; -4 (reported, but for zlib's own) without memory; -1 (reported) when OpenSSL
+ *         fails. After -2 and -3 dcpEncryptEnd() is still due, else the state is null.
  */
 KEL_API int dcpEncryptInit(c_stream_t* c, unsigned long flags, const KelKey& key,
                            unsigned char cipherType);

@@ -5,8 +5,10 @@
 #ifndef KEL_KEL_H
 #define KEL_KEL_H
 
+#include <kel/binsort.h>
 #include <kel/blowfish.h>
 #include <kel/cipher.h>
+#include <kel/crc.h>
 #include <kel/crypt.h>
 #include <kel/digest.h>
 #include <kel/export.h>
@@ -18,6 +20,8 @@
 #include <kel/preallocator.h>
 #include <kel/runtime.h>
 #include <kel/safeio.h>
+#include <kel/serialize.h>
 #include <kel/strings.h>
+#include <kel/uid.h>
 
 #endif

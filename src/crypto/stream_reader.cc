@@ -68,14 +68,15 @@ int StreamReader::run(c_stream_t& c, bool flush) {
   const bool output_waits = !waiting_.empty() || !piece_.empty() || stage_ == Stage::kTotal;
   if (c.avail_out == 0 && output_waits) return kNoProgress;
   call_start_ = c.total_out;
-  for (;;) {
+  const std::uint64_t input_start = c.total_in;
+  Verdict verdict;
+  while (!verdict) {
     deliver(c);
-    if (!waiting_.empty()) return kOk;
-    if (const Verdict verdict = step(c, flush)) {
-      failure_ = std::min(*verdict, 0);
-      return *verdict;
-    }
+    verdict = waiting_.empty() ? step(c, flush) : kOk;
   }
+  failure_ = std::min(*verdict, 0);
+  const bool idle = c.total_in == input_start && c.total_out == call_start_;
+  return *verdict == kOk && idle && c.avail_in != 0 ? kNoProgress : *verdict;
 }
 
 StreamReader::Verdict StreamReader::step(c_stream_t& c, bool flush) {
@@ -274,10 +275,11 @@ StreamReader::Verdict StreamReader::feed_chunk(c_stream_t& c, Bytes& piece) {
     chunk_.compressed = (word & kLzoCompressed) != 0;
     chunk_.length = chunk_.raw_left = word & kLzoMaxLength;
   }
+  if (piece.empty()) return {};  // the word came alone
   if (chunk_.compressed) {
     unsigned char* const to = chunk_.data.room(piece.size());
     if (to == nullptr) return kNoMemory;
-    if (!piece.empty()) std::memcpy(to, piece.data(), piece.size());
+    std::memcpy(to, piece.data(), piece.size());
     chunk_.data.add(piece.size());
     piece = {};
     if (chunk_.data.size() > LzoCompressor::worst_case(chunk_.length)) return kDataError;
@@ -303,12 +305,18 @@ StreamReader::Verdict StreamReader::finish(c_stream_t& c) {
     if (const Verdict verdict = finish_chunk(c)) return verdict;
     if (!waiting_.empty()) return {};
   }
-  while (coding_ == Coding::kZlib && !inflated_ && c.total_out < total_) {
-    if (c.avail_out == 0) return kOk;
-    const std::uint64_t before = c.total_out;
+  while (coding_ == Coding::kZlib && !inflated_) {
+    // What the total cuts off is looked at all the same, so that windows do not decide whether
+    // damage is found.
+    c_stream_t beyond{};
+    beyond.next_out = work_;
+    beyond.avail_out = sizeof work_;
+    c_stream_t& to = c.total_out < total_ ? c : beyond;
+    if (to.avail_out == 0) return kOk;
+    const std::uint64_t before = to.total_out;
     Bytes nothing;
-    if (const Verdict verdict = inflate_piece(c, nothing)) return verdict;
-    if (c.total_out == before) break;
+    if (const Verdict verdict = inflate_piece(to, nothing)) return verdict;
+    if (to.total_out == before) break;
   }
   if (c.total_out < total_) return kDataError;
   cut_output(c);

@@ -65,17 +65,12 @@ int StreamWriter::check_settings(c_stream_t& c, unsigned long flags) {
   return kOk;
 }
 
-int StreamWriter::configure(c_stream_t& c, unsigned long flags) {
-  if (const int code = check_settings(c, flags); code != kOk) return code;
-
+int StreamWriter::build(const c_stream_t& c) {
   buffer_size_ = std::size_t{1} << (c.zwindow == 0 ? kDefaultWindow : c.zwindow);
   if (compression_ == Compression::kLzo)
     buffer_size_ = round_up(buffer_size_ + buffer_size_ / 16 + 167, kBlockUnit);
   capacity_ = buffer_size_ - kBlockHeaderSize;
-  return allocate(level_);
-}
 
-int StreamWriter::allocate(int level) {
   constexpr const char* kCaller = "dcpEncryptInit";
   buffer_.reset(static_cast<unsigned char*>(std::malloc(buffer_size_)));
   if (buffer_ == nullptr) return fail_allocation(kNoMemory, buffer_size_, kCaller);
@@ -90,13 +85,13 @@ int StreamWriter::allocate(int level) {
       header_flags_ |= KEL_MAGIC_DEFLATED;
       deflater_.reset(new (std::nothrow) Deflater);
       if (deflater_ == nullptr) return fail_allocation(kNoMemory, sizeof(Deflater), kCaller);
-      return deflater_->init(level);
+      return deflater_->init(level_);
     case Compression::kLzo:
       header_flags_ |= KEL_MAGIC_LZO;
       lzo_.reset(new (std::nothrow) LzoCompressor);
       if (lzo_ == nullptr) return fail_allocation(kNoMemory, sizeof(LzoCompressor), kCaller);
-      if (!lzo_->init(level))
-        return fail_allocation(kNoMemory, LzoCompressor::work_size(level), kCaller);
+      if (!lzo_->init(level_))
+        return fail_allocation(kNoMemory, LzoCompressor::work_size(level_), kCaller);
       break;
   }
   return kOk;
@@ -300,10 +295,14 @@ int dcpEncryptInit(c_stream_t* c, unsigned long flags, const KelKey& key,
   auto* writer = new (std::nothrow) StreamWriter;
   c->state = writer;
   if (writer == nullptr) return fail_allocation(kNoMemory, sizeof(StreamWriter), __func__);
-  int code = writer->configure(*c, flags);
-  if (code == kOk) code = writer->start(*c, key, cipherType);
-  // Refused settings leave a state to be ended; what could not be built leaves none.
-  if (code != kOk && code != kBadState && code != kDataError) release(c);
+  int code = writer->check_settings(*c, flags);
+  if (code != kOk) return code;
+  code = writer->build(*c);
+  const bool built = code == kOk;
+  if (built) code = writer->start(*c, key, cipherType);
+  // Refused settings, the cipher type among them, leave a state to be ended; what could not be
+  // built leaves none.
+  if (code != kOk && !(built && code == kBadState)) release(c);
   return code;
 }
 

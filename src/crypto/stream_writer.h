@@ -31,8 +31,10 @@ class Deflater {
 
 class StreamWriter {
  public:
-  /// Checks the settings and allocates buffer and compressor; a result code.
-  int configure(c_stream_t& c, unsigned long flags);
+  /// Takes the settings over and stores the choice of the algorithm back; a result code.
+  int check_settings(c_stream_t& c, unsigned long flags);
+  /// Allocates buffer and compressor for checked settings; a result code.
+  int build(const c_stream_t& c);
   /// Starts a stream: counters cleared, compressor fresh, header and key prefix queued.
   int start(c_stream_t& c, const KelKey& key, int cipher_type);
   int run(c_stream_t& c);
@@ -46,8 +48,6 @@ class StreamWriter {
     std::size_t produced;
   };
 
-  int check_settings(c_stream_t& c, unsigned long flags);
-  int allocate(int level);
   int queue_prefix(const KelKey& key);
   void queue_trailer(std::uint64_t total);
   void send(c_stream_t& c);

@@ -12,6 +12,7 @@
 #include "internal/bytes.h"
 #include "internal/hex.h"
 #include "internal/report.h"
+#include "internal/text_traits.h"
 
 namespace kel::internal {
 
@@ -116,9 +117,14 @@ template <size_t Size>
 unsigned char* from_string(const DigestFamily<Size>& family, const char* text,
                            unsigned char* digest, const char* function) {
   if (text == nullptr || digest == nullptr) return fail_null<unsigned char*>(nullptr, function);
-  // A text that is too short ends in its terminator, which is no digit.
-  const size_t length = std::max(std::strlen(text), family.kTextSize);
-  if (deserialize(family, digest, text, length, 0) == 0)
+  const size_t length = std::strlen(text);
+  // Of a text that is too short nothing may be read behind its terminator, which is no digit.
+  char padded[DigestFamily<Size>::kTextSize + 1] = {};
+  if (length < family.kTextSize) {
+    copy_cut(padded, text);
+    text = padded;
+  }
+  if (deserialize(family, digest, text, std::max(length, family.kTextSize), 0) == 0)
     return fail<unsigned char*>(nullptr, EINVAL, "%s: failed to deserialize %s", function,
                                 family.name);
   return digest;

@@ -1,0 +1,112 @@
+#include <kel/crc.h>
+
+#include <gmock/gmock.h>
+#include <zlib.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+
+#include "os/scripted_calls.h"
+#include "support/reports.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using kel::testing::at_most;
+using kel::testing::error;
+using kel::testing::fails;
+using kel::testing::open_descriptors;
+using kel::testing::ReportCapture;
+using kel::testing::Scripted;
+using kel::testing::TempDir;
+using kel::testing::write_file;
+using ::testing::ElementsAre;
+
+/// The peer.
+uint32_t adler(const std::string& data, uint32_t start = 1) {
+  return static_cast<uint32_t>(
+      adler32_z(start, reinterpret_cast<const unsigned char*>(data.data()), data.size()));
+}
+
+std::string random_bytes(size_t size, unsigned seed) {
+  std::mt19937 random(seed);
+  std::string data(size, '\0');
+  for (char& c : data) c = static_cast<char>(random());
+  return data;
+}
+
+// Every length around the vector steps at every alignment, and the sums that are nearest to
+// overflowing: the greatest start with nothing but 0xff.
+TEST(Crc, AgreesWithZlibAtEveryLengthAndAlignment) {
+  EXPECT_EQ(CRCAppend(1, "Wikipedia", 9), 0x11e60398u);
+  EXPECT_EQ(CRCAppend(0xfff0fff0, nullptr, 9), 1u);
+  EXPECT_EQ(CRCAppend(0x12345678, "x", 0), 0x12345678u);
+  const std::string data = random_bytes(200000, 1);
+  const std::string high(200000, '\xff');
+  std::mt19937 random(2);
+  for (size_t round = 0; round < 4000; ++round) {
+    const size_t from = random() % 70;
+    const size_t length = round < 1200 ? round : random() % (data.size() - from);
+    for (const auto& [bytes, start] : {std::pair{&data, 1u}, std::pair{&high, 0xfff0fff0u}})
+      ASSERT_EQ(CRCAppend(start, bytes->data() + from, length),
+                adler(bytes->substr(from, length), start))
+          << length << " bytes at " << from;
+  }
+  uint32_t running = 1;
+  for (size_t at = 0, piece; at < data.size(); at += piece) {
+    piece = std::min<size_t>(random() % 9000, data.size() - at);
+    running = CRCAppend(running, data.data() + at, piece);
+  }
+  EXPECT_EQ(running, adler(data));
+}
+
+class CrcOfFile : public ::testing::Test {
+ protected:
+  TempDir dir;
+  std::string path = dir / "data";
+  ReportCapture reports;
+};
+
+using ScriptedRead = Scripted<"read", ssize_t(int, void*, size_t)>;
+
+TEST_F(CrcOfFile, CoversTheWholeFileOrItsTail) {
+  for (const size_t size : {0, 1, 98303, 98304, 98305, 300000}) {
+    const std::string data = random_bytes(size, 3);
+    write_file(path, data);
+    ScriptedRead script({fails(EINTR), at_most(7)});
+    EXPECT_EQ(CRCFromFile(path.c_str()), adler(data)) << size;
+    EXPECT_EQ(CRCFromPartFile(path.c_str(), 0, SEEK_END), adler(data)) << "no seek for offset 0";
+    EXPECT_EQ(CRCFromPartFile(path.c_str(), -5, SEEK_SET), adler(data));
+    for (const size_t from : {1, 97, 200000})
+      EXPECT_EQ(CRCFromPartFile(path.c_str(), static_cast<off_t>(from), SEEK_SET),
+                adler(data.substr(std::min(from, size))));
+  }
+  EXPECT_THAT(reports.take(), ::testing::IsEmpty());
+}
+
+TEST_F(CrcOfFile, FailuresHaveChecksumsThatNoDataHave) {
+  const size_t descriptors = open_descriptors();
+  write_file(path, "data");
+  const std::string missing = dir / "missing";
+  EXPECT_EQ(CRCFromFile(missing.c_str()), 0u);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(CRCFromFile(nullptr), 0u);
+  EXPECT_EQ(CRCFromPartFile(path.c_str(), 1, 99), 0u);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(CRCFromFile(dir.path().c_str()), KEL_CRC_READ_ERROR);
+  EXPECT_EQ(errno, EISDIR);
+  ScriptedRead script({at_most(3), fails(EIO)});
+  EXPECT_EQ(CRCFromPartFile(path.c_str(), 0, SEEK_SET), KEL_CRC_READ_ERROR);
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(open_descriptors(), descriptors);
+  EXPECT_THAT(
+      reports.take(),
+      ElementsAre(error(ENOENT, "CRCFromFile: failed to open file: " + missing),
+                  error(EINVAL, "CRCFromFile: invalid NULL parameter"),
+                  error(EINVAL, "CRCFromPartFile: failed to seek file: " + path),
+                  error(EISDIR, "CRCFromFileCommon: failed to read file: " + dir.path().string()),
+                  error(EIO, "CRCFromFileCommon: failed to read file: " + path)));
+}
+
+}  // namespace

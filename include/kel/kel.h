@@ -12,6 +12,7 @@
 #include <kel/crypt.h>
 #include <kel/digest.h>
 #include <kel/export.h>
+#include <kel/file.h>
 #include <kel/hashtree.h>
 #include <kel/library.h>
 #include <kel/logging.h>

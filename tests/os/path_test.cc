@@ -69,7 +69,7 @@ TEST_F(Paths, AgreesWithTheStandardLibraryOnRandomPaths) {
     for (auto left = random() % 9; left-- > 0;)
       path += std::string(pieces[random() % std::size(pieces)]) + (left > 0 ? "/" : "");
     if (random() % 2 != 0 && !path.empty()) path += "/";
-    if (path.starts_with("//")) path.erase(0, 1);  // a root of its own kind there
+    while (path.starts_with("//")) path.erase(0, 1);  // a root of its own kind there
     const size_t size = random() % 40;
 
     std::string expected = (dir.path() / path).lexically_normal().string();

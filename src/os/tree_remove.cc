@@ -9,9 +9,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "internal/handles.h"
 #include "internal/report.h"
@@ -23,7 +25,6 @@ namespace {
 using kel::internal::ErrnoGuard;
 using kel::internal::fail;
 using kel::internal::fail_quietly;
-using kel::internal::MallocPtr;
 using kel::internal::retry_interrupted;
 using kel::internal::UniqueFd;
 using kel::internal::WidePath;
@@ -34,15 +35,20 @@ class Pile {
   static_assert(std::is_trivially_copyable_v<T>);
 
  public:
+  Pile() = default;
+  Pile(const Pile&) = delete;
+  Pile& operator=(const Pile&) = delete;
+  ~Pile() { std::free(values_); }
+
   size_t size() const { return size_; }
-  T* data() { return values_.get(); }
-  T& operator[](size_t i) { return values_.get()[i]; }
-  T& top() { return values_.get()[size_ - 1]; }
+  T* data() { return values_; }
+  T& operator[](size_t i) { return values_[i]; }
+  T& top() { return values_[size_ - 1]; }
   void cut(size_t size) { size_ = size; }
 
   [[nodiscard]] bool append(const T* values, size_t count) {
     if (size_ + count > capacity_ && !grow(size_ + count)) return false;
-    std::copy_n(values, count, values_.get() + size_);
+    std::copy_n(values, count, values_ + size_);
     size_ += count;
     return true;
   }
@@ -50,15 +56,14 @@ class Pile {
  private:
   bool grow(size_t least) {
     const size_t capacity = std::max<size_t>({least, 2 * capacity_, 64});
-    void* moved = std::realloc(values_.get(), capacity * sizeof(T));
+    auto* moved = static_cast<T*>(std::realloc(values_, capacity * sizeof(T)));
     if (moved == nullptr) return false;
-    values_.release();
-    values_.reset(static_cast<T*>(moved));
+    values_ = moved;
     capacity_ = capacity;
     return true;
   }
 
-  MallocPtr<T> values_;
+  T* values_ = nullptr;
   size_t size_ = 0;
   size_t capacity_ = 0;
 };

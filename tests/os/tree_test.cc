@@ -315,7 +315,7 @@ TEST_F(Tree, SurvivesAProcessThatSwapsDirectoriesAndLinksAllTheTime) {
   }
   done = true;
   swapper.join();
-  EXPECT_EQ(std::distance(fs::directory_iterator(outside), {}), 101);
+  for (int i = 0; i < 100; ++i) EXPECT_TRUE(fs::exists(outside + "/" + std::to_string(i)));
 }
 
 TEST_F(Tree, TwoRemovalsOfOneTreeTakeEachOthersWorkAsDone) {

@@ -4,8 +4,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
-#include <cstring>
 
 #include "internal/report.h"
 #include "os/file_reader.h"
@@ -43,7 +43,7 @@ ssize_t load(int fd, size_t size, void** buf, size_t* bufsize, size_t extra) {
   if (!provide(needed, buf, bufsize)) return -1;
   const ssize_t got = safe_read(fd, *buf, size);
   if (got >= 0) {
-    if (extra != 0) std::memset(static_cast<char*>(*buf) + got, 0, extra);
+    std::fill_n(static_cast<char*>(*buf) + got, extra, '\0');
     return got;
   }
   if (!allocates) return -1;

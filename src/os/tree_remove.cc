@@ -141,6 +141,7 @@ class TreeRemover {
   /// Opens the last directory left of the deepest level and removes what it holds but directories.
   void enter() {
     const size_t at = last_name();
+    // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): the names' memory is still names_'s
     UniqueFd fd = open_directory(&names_[at]);
     if (!fd) {
       remove_unopened(&names_[at], errno);
@@ -328,7 +329,8 @@ int remove_tree(const char* path, const char* function) {
     UniqueFd base = open_parent(root);
     if (!base && errno == ENOENT) return 0;
     if (!base) return fail(0, errno, "%s: unable to open directory: %s", function, path);
-    error = TreeRemover().remove(std::move(base), root.name());
+    TreeRemover remover;
+    error = remover.remove(std::move(base), root.name());
   }
   if (error == 0) return 1;
   return fail(0, error, "%s: Could not delete %s (%s)", function, path, std::strerror(error));

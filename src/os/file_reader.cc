@@ -25,6 +25,7 @@ UniqueFd open_reader(const char* path, struct stat& status) {
   if (S_ISDIR(status.st_mode))
     return fail(UniqueFd(), EISDIR, "%s: directory passed as parameter where file was expected",
                 kName);
+  ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);  // advice: it may be refused
   return fd;
 }
 

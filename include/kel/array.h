@@ -37,7 +37,8 @@ typedef struct kelList kelList;
 /** Applied to each element by the destroy functions; free() is one. */
 typedef void (*kelElementFn)(void* element);
 
-/** @name Array @{ */
+/** @name Array
+ * @{ */
 /**
  * Makes an empty array. It takes no room for elements before the first is added, and then grows by
  * the same number of elements each time it is full: `initial_count`, rounded up so that the step
@@ -71,7 +72,8 @@ KEL_API void* kelArrayLast(kelArray* array);
 KEL_API void* kelArrayPrev(kelArray* array);
 /** @} */
 
-/** @name List @{ */
+/** @name List
+ * @{ */
 /** An empty list for kelListDestroy(); null with ENOMEM, not reported. */
 KEL_API kelList* kelListCreate(void);
 /** Appends `element`, at a cost that does not depend on the length; 0, or -1. */

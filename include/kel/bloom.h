@@ -109,7 +109,8 @@ class KEL_API BloomFilter {
    * no powers of two. Without a bitmap 1, or 0 where Matches() is false. */
   double GetFalsePositiveProbability() const;
 
-  /** @name One hash value, one bit @{ */
+  /** @name One hash value, one bit
+   * @{ */
   /** The bit that stands for `fingerprint` in hash `i`, which is below GetHashFunctionCount(). */
   unsigned long _calcHash(const crfp_digest_t& fingerprint, unsigned int i) const;
   /** Whether a bit is set; false beyond the bitmap. */

@@ -64,7 +64,8 @@ typedef struct KelSet {
 /** sizeof(KelSet) in the library. */
 KEL_API uint64_t KelSetSize(void);
 
-/** @name Set-up and teardown @{ */
+/** @name Set-up and teardown
+ * @{ */
 /**
  * Sets up an empty set.
  *
@@ -92,7 +93,8 @@ KEL_API int KelSetReset(KelSet* set);
 KEL_API int KelSetValidate(const KelSet* set);
 /** @} */
 
-/** @name Objects @{ */
+/** @name Objects
+ * @{ */
 /**
  * The stored object that equals `object`, which is inserted when there is none.
  *

@@ -17,6 +17,7 @@
 #include <kel/digest.h>
 #include <kel/export.h>
 #include <kel/hashtree.h>
+#include <kel/inifile.h>
 #include <kel/library.h>
 #include <kel/logging.h>
 #include <kel/magic.h>

@@ -5,6 +5,7 @@
 
 #include <locale.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +13,7 @@
 
 #include "internal/ascii.h"
 #include "internal/report.h"
+#include "internal/text_traits.h"
 
 using namespace kel::internal;
 
@@ -93,8 +95,7 @@ void format_float(char (&to)[Capacity], T value, std::chars_format form, int pre
   char whole[128];
   const auto written =
       std::to_chars(whole, whole + sizeof whole - tail.size() - 1, value, form, precision);
-  std::memcpy(written.ptr, tail.data(), tail.size());
-  written.ptr[tail.size()] = '\0';
+  *std::copy(tail.begin(), tail.end(), written.ptr) = '\0';
   copy_cut(to, whole);
 }
 

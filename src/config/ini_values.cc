@@ -28,7 +28,7 @@ void hand_out(Hold& file, char* buf, size_t room, std::string_view text) {
     return;
   }
   Text whole;
-  const bool copied = whole.copy(text, std::string_view("", 1));
+  const bool copied = whole.copy(text, std::string_view("\0", 1));
   std::memcpy(buf, text.data(), room - 1);
   buf[room - 1] = '\0';
   file.end();

@@ -228,8 +228,8 @@ TEST_F(IniSave, KilledAtAnyStepLeavesTheOldOrTheNewText) {
 }
 
 TEST_F(IniSave, KilledAtRandomMomentsLeavesAWholeFileAtEveryMoment) {
-  constexpr int kKills = 400;
-  const std::string big(200'000, 'b');
+  constexpr int kKills = 300;
+  const std::string big(20'000, 'b');
   ASSERT_EQ(InifileSaveValueA("S", "big", big.c_str(), file), 1);
   const std::string fresh = saved();
   std::mt19937 random(3);
@@ -240,12 +240,14 @@ TEST_F(IniSave, KilledAtRandomMomentsLeavesAWholeFileAtEveryMoment) {
     if (child == 0) {
       for (;;) InifileSaveA(file);
     }
-    for (auto looks = random() % 64; looks != 0; --looks)
-      ASSERT_THAT(on_disk(), AnyOf("x=old\n", fresh));
+    for (auto looks = random() % 32; looks != 0; --looks) {
+      const std::string seen = on_disk();
+      ASSERT_TRUE(seen == "x=old\n" || seen == fresh) << seen.size() << " bytes";
+    }
     ::kill(child, SIGKILL);
     ASSERT_EQ(::waitpid(child, nullptr, 0), child);
     const std::string left = on_disk();
-    ASSERT_THAT(left, AnyOf("x=old\n", fresh));
+    ASSERT_TRUE(left == "x=old\n" || left == fresh) << left.size() << " bytes";
     ++(left == fresh ? seen_new : seen_old);
     for (const std::string& name : files())
       if (name.ends_with(".sav")) std::filesystem::remove(dir / name);

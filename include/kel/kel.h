@@ -21,6 +21,7 @@
 #include <kel/library.h>
 #include <kel/logging.h>
 #include <kel/magic.h>
+#include <kel/options.h>
 #include <kel/preallocator.h>
 #include <kel/runtime.h>
 #include <kel/safeio.h>

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdint>
+#include <bit>
 
 namespace dedup {
 namespace {
@@ -30,10 +30,6 @@ constexpr auto kGear = make_gear();
 /// The `bits` highest bits: those that the most bytes have reached.
 constexpr uint64_t high_bits(int bits) { return ~uint64_t{0} << (64 - bits); }
 
-constexpr uint64_t kHardMask = high_bits(16);  // 4 times less likely than the usual size asks for
-constexpr uint64_t kEasyMask = high_bits(12);  // 4 times more likely
-static_assert(kUsualChunk == size_t{1} << 14);
-
 /// The first cut under `mask` in [from, to), or `to`.
 size_t find_cut(const unsigned char* data, size_t from, size_t to, uint64_t mask, uint64_t& hash) {
   for (size_t i = from; i < to; ++i) {
@@ -45,13 +41,21 @@ size_t find_cut(const unsigned char* data, size_t from, size_t to, uint64_t mask
 
 }  // namespace
 
-size_t first_chunk(const unsigned char* data, size_t size) {
-  if (size <= kSmallestChunk) return size;
-  const size_t usual = std::min(size, kUsualChunk);
-  const size_t largest = std::min(size, kLargestChunk);
+Chunker::Chunker(size_t usual)
+    : smallest_(usual / 4),
+      usual_(usual),
+      largest_(usual * 4),
+      // 4 times less likely than the usual size asks for, and 4 times more likely.
+      hard_mask_(high_bits(std::countr_zero(usual) + 2)),
+      easy_mask_(high_bits(std::countr_zero(usual) - 2)) {}
+
+size_t Chunker::first_chunk(const unsigned char* data, size_t size) const {
+  if (size <= smallest_) return size;
+  const size_t usual = std::min(size, usual_);
+  const size_t largest = std::min(size, largest_);
   uint64_t hash = 0;
-  const size_t cut = find_cut(data, kSmallestChunk, usual, kHardMask, hash);
-  return cut < usual ? cut : find_cut(data, usual, largest, kEasyMask, hash);
+  const size_t cut = find_cut(data, smallest_, usual, hard_mask_, hash);
+  return cut < usual ? cut : find_cut(data, usual, largest, easy_mask_, hash);
 }
 
 }  // namespace dedup

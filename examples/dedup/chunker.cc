@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
 
 namespace dedup {
 namespace {
@@ -27,8 +26,10 @@ constexpr std::array<uint64_t, 256> make_gear() {
 
 constexpr auto kGear = make_gear();
 
-/// The `bits` highest bits: those that the most bytes have reached.
-constexpr uint64_t high_bits(int bits) { return ~uint64_t{0} << (64 - bits); }
+/// A mask under which one hash in `count`, a power of two, is zero; of the highest bits, which the
+/// most bytes have reached.
+constexpr uint64_t one_in(uint64_t count) { return ~(~uint64_t{0} / count); }
+static_assert(one_in(uint64_t{1} << 16) == 0xffff000000000000);
 
 /// The first cut under `mask` in [from, to), or `to`.
 size_t find_cut(const unsigned char* data, size_t from, size_t to, uint64_t mask, uint64_t& hash) {
@@ -45,9 +46,9 @@ Chunker::Chunker(size_t usual)
     : smallest_(usual / 4),
       usual_(usual),
       largest_(usual * 4),
-      // 4 times less likely than the usual size asks for, and 4 times more likely.
-      hard_mask_(high_bits(std::countr_zero(usual) + 2)),
-      easy_mask_(high_bits(std::countr_zero(usual) - 2)) {}
+      // Less likely than the usual size asks for, then more likely.
+      hard_mask_(one_in(usual * 4)),
+      easy_mask_(one_in(usual / 4)) {}
 
 size_t Chunker::first_chunk(const unsigned char* data, size_t size) const {
   if (size <= smallest_) return size;

@@ -91,8 +91,8 @@ typedef struct opt_t {
   const char* ini_section;   /**< where the configuration file may hold a value; not for flags */
   const char* ini_key;       /**< its key; null exactly when `ini_section` is */
   uint64_t flags;            /**< OPT_ bits */
-  void* value;               /**< where the value goes, of the type's C type; no other option's */
-  const char* help;          /**< may be null */
+  void* value;      /**< where the value goes, of the type's C type; strings do not share one */
+  const char* help; /**< may be null */
 } opt_t;
 
 KEL_BEGIN_DECLS

@@ -23,6 +23,7 @@
 #include <kel/logging.h>
 #include <kel/magic.h>
 #include <kel/path.h>
+#include <kel/options.h>
 #include <kel/preallocator.h>
 #include <kel/runtime.h>
 #include <kel/safeio.h>

@@ -16,10 +16,12 @@
 #include <kel/crypt.h>
 #include <kel/digest.h>
 #include <kel/export.h>
+#include <kel/file.h>
 #include <kel/hashtree.h>
 #include <kel/library.h>
 #include <kel/logging.h>
 #include <kel/magic.h>
+#include <kel/path.h>
 #include <kel/preallocator.h>
 #include <kel/runtime.h>
 #include <kel/safeio.h>

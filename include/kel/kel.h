@@ -15,6 +15,7 @@
 #include <kel/crc.h>
 #include <kel/crypt.h>
 #include <kel/digest.h>
+#include <kel/dir.h>
 #include <kel/export.h>
 #include <kel/file.h>
 #include <kel/hashtree.h>
@@ -31,5 +32,6 @@
 #include <kel/uid.h>
 #include <kel/text.h>
 #include <kel/url.h>
+#include <kel/wide.h>
 
 #endif

@@ -13,8 +13,10 @@
  * directory belongs to the whole process: where other threads use relative paths, pass
  * #DDS_NOCHDIR (#DDS_LOGICAL implies it), which works at any depth too, but leaves the client with
  * full paths. A directory reached through a followed link keeps a descriptor of the directory that
- * holds the link, and the walk returns there. When a directory was moved elsewhere meanwhile, the
- * walk returns by the path it came, or stops with ESTALE when that does not lead back.
+ * holds the link, and the walk returns there. A walk holds up to 16 descriptors of the directories
+ * that it is in, fewer when the process runs short of them. Where a tree is deeper and a directory
+ * was moved elsewhere meanwhile, the walk returns by the path it came, or stops with ESTALE when
+ * that does not lead back.
  *
  * **Cost.** Status comes from one `lstat` (or `stat`) for each entry, relative to its directory.
  * With #DDS_NOSTAT and #DDS_PHYSICAL only directories are examined, and entries whose type the

@@ -8,9 +8,11 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <cstddef>
 #include <memory>
+#include <utility>
 
 #include "internal/handles.h"
 #include "internal/text_traits.h"
@@ -85,12 +87,42 @@ class DirectoryReader {
   /// The next entry; null at the end, then errno is 0, or when reading failed.
   const dirent64* next() noexcept;
   bool close() noexcept { return ::close(fd_.release()) == 0; }
+  UniqueFd release() noexcept { return std::move(fd_); }
 
  private:
   UniqueFd fd_;
   char* buffer_;
   std::size_t at_ = 0;
   std::size_t end_ = 0;
+};
+
+/// Descriptors of directories that the walk is in: of the deepest ones, where it is deep.
+class OpenLevels {
+ public:
+  /// -1 when it is not kept.
+  int at(int level) const noexcept {
+    if (level < 0) return -1;
+    const Slot& slot = slots_[level % kMost];
+    return slot.level == level ? slot.fd.get() : -1;
+  }
+  void keep(UniqueFd fd, int level) noexcept { slots_[level % kMost] = {std::move(fd), level}; }
+  void drop(int level) noexcept {
+    if (at(level) >= 0) slots_[level % kMost] = {};
+  }
+  /// Whether there were any.
+  bool clear() noexcept {
+    bool any = false;
+    for (Slot& slot : slots_) any |= static_cast<bool>(std::exchange(slot, Slot{}).fd);
+    return any;
+  }
+
+ private:
+  static constexpr int kMost = 16;
+  struct Slot {
+    UniqueFd fd;
+    int level = -1;
+  };
+  Slot slots_[kMost];
 };
 
 /// Tell in reports which change of the working directory failed: into a directory, or out of it.
@@ -184,7 +216,8 @@ class Walk : public WalkTraits<Char>::Handle {
   Entry* give_up(const List& list);
   bool fit_path(Entry* p, Entry* list);
   Entry* sort(const List& list);
-  UniqueFd open_directory(const Entry* p) const;
+  UniqueFd open_directory(const Entry* p);
+  UniqueFd try_directory(const Entry* p) const;
   void set_access(Entry* p, const Entry* dir) const;
 
   // Examining.
@@ -213,6 +246,7 @@ class Walk : public WalkTraits<Char>::Handle {
 
   EntryPool pool_;
   MallocPtr<char> read_buffer_;
+  OpenLevels levels_;
   Entry* at_ = nullptr;  // where the walk stands, also when dds_cur no longer tells
   int error_ = 0;        // why the walk was stopped
 };

@@ -130,6 +130,8 @@ template <class Char>
 bool Walk<Char>::leave(const Entry* dir) {
   if (dir->dds_level == 0) return ::fchdir(dds_rfd) == 0;
   if ((dir->dds_flags & DDS_SYMFOLLOW) != 0) return ::fchdir(dir->dds_symfd) == 0;
+  const int above = levels_.at(dir->dds_level - 1);
+  if (above >= 0) return ::fchdir(above) == 0;
   struct stat reached;
   if (::chdir("..") != 0 || ::fstatat(AT_FDCWD, ".", &reached, 0) != 0) return false;
   return is_directory(dir->dds_parent, reached) || return_by_path(dir->dds_parent, reached);

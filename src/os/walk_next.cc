@@ -66,7 +66,7 @@ void Walk<Char>::follow(Entry* p) {
 template <class Char>
 void Walk<Char>::enter_listed(Entry* p) {
   const bool barred_before = (p->dds_flags & DDS_DONTCHDIR) != 0;
-  const UniqueFd fd = open_directory(p);
+  UniqueFd fd = open_directory(p);
   const bool barred = !fd || ::fchdir(fd.get()) != 0;
   if (barred) {
     p->dds_errno = errno;
@@ -74,6 +74,7 @@ void Walk<Char>::enter_listed(Entry* p) {
     report_error(errno, "%s (%u): could not change directories", Traits::kNext, kDescent);
   } else {
     p->dds_flags = static_cast<unsigned short>(p->dds_flags & ~DDS_DONTCHDIR);
+    levels_.keep(std::move(fd), p->dds_level);
   }
   if (barred == barred_before) return;
   for (Entry* child = dds_child; child != nullptr; child = child->dds_link) set_access(child, p);
@@ -127,6 +128,7 @@ auto Walk<Char>::step_up(Entry* p) -> Entry* {
                         dir->dds_level == 0 ? "FCHDIR" : "CHDIR", error_, static_cast<void*>(dir));
   }
   close_link(dir);
+  levels_.drop(dir->dds_level);
   dir->dds_info = dir->dds_errno != 0 ? DDS_ERR : DDS_DP;
   return dir;
 }

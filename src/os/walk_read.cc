@@ -77,16 +77,24 @@ const dirent64* DirectoryReader::next() noexcept {
 }
 
 template <class Char>
-UniqueFd Walk<Char>::open_directory(const Entry* p) const {
-  const Path path(p->dds_accpath, nullptr);
-  if (!path) return UniqueFd();
-  const LongPath reach(AT_FDCWD, path.c_str());
-  if (!reach) return UniqueFd();
+UniqueFd Walk<Char>::try_directory(const Entry* p) const {
   // What was no link when it was examined is not followed when it has become one.
   const bool follow = is(DDS_LOGICAL) || (p->dds_flags & (DDS_SYMFOLLOW | kFollowed)) != 0 ||
                       (p->dds_level == 0 && is(DDS_COMFOLLOW));
   const int flags = O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC | (follow ? 0 : O_NOFOLLOW);
+  const int above = levels_.at(p->dds_level - 1);
+  const Path path(above >= 0 ? p->dds_name : p->dds_accpath, nullptr);
+  if (!path) return UniqueFd();
+  const LongPath reach(above >= 0 ? above : AT_FDCWD, path.c_str());
+  if (!reach) return UniqueFd();
   return UniqueFd(retry_interrupted([&] { return ::openat(reach.dir(), reach.rest(), flags); }));
+}
+
+template <class Char>
+UniqueFd Walk<Char>::open_directory(const Entry* p) {
+  UniqueFd fd = try_directory(p);
+  if (fd || (errno != EMFILE && errno != ENFILE) || !levels_.clear()) return fd;
+  return try_directory(p);
 }
 
 template <class Char>
@@ -239,11 +247,13 @@ auto Walk<Char>::read_open(DirectoryReader& reader, Reading why) -> Entry* {
   const int refusal = entering ? change_into(reader.fd(), why, budget) : 0;
   List list;
   if (!read_entries(reader, budget, refusal, &list)) return give_up(list);
-  if (!reader.close()) {
+  const bool staying = why == Reading::kEntering && list.head != nullptr;
+  if (staying) {
+    levels_.keep(reader.release(), dir->dds_level);
+  } else if (!reader.close()) {
     report_error(errno, "%s: could not close directory", kBuild);
     return give_up(list);
   }
-  const bool staying = why == Reading::kEntering && list.head != nullptr;
   if (entering && refusal == 0 && !staying && !leave(dir)) {
     report_error(errno, "%s (%u): could not change directories", kBuild, kReturn);
     return give_up(list);

@@ -15,6 +15,7 @@
 #include <kel/crc.h>
 #include <kel/crypt.h>
 #include <kel/digest.h>
+#include <kel/dir.h>
 #include <kel/export.h>
 #include <kel/file.h>
 #include <kel/hashtree.h>
@@ -33,5 +34,6 @@
 #include <kel/text.h>
 #include <kel/uid.h>
 #include <kel/url.h>
+#include <kel/wide.h>
 
 #endif

@@ -18,11 +18,15 @@ namespace {
 constexpr size_t kContainerSize = size_t{4} << 20;
 static_assert(kContainerSize + kLargestChunk + kTagSize <= kLargestPayload);
 
+/// Or when it holds so many: the table of small chunks must not outgrow what a reader takes.
+constexpr size_t kMostChunks = 65536;
+constexpr size_t kTableRecordSize = sizeof(Fingerprint) + 8;
+static_assert(kMostChunks * kTableRecordSize + 4 + kTagSize <= kLargestPayload);
+
 bool parse_table(Bytes content, std::vector<StoredChunk>& table) {
-  constexpr size_t kRecordSize = sizeof(Fingerprint) + 8;
   RecordReader reader(content);
   const auto count = reader.number<uint32_t>();
-  if (!reader.good() || reader.left() != count * kRecordSize) return false;
+  if (!reader.good() || reader.left() != count * kTableRecordSize) return false;
   table.clear();
   table.reserve(count);
   for (uint32_t i = 0; i < count; ++i) {
@@ -58,7 +62,8 @@ bool ContainerWriter::add(const Fingerprint& chunk, Bytes data, Location& locati
   filling_.data.insert(filling_.data.end(), data.begin(), data.end());
   filling_.table.push_back({chunk, offset, length});
   location = {filling_.number, offset, length};
-  return filling_.data.size() < kContainerSize || send();
+  const bool full = filling_.data.size() >= kContainerSize || filling_.table.size() == kMostChunks;
+  return !full || send();
 }
 
 bool ContainerWriter::finish() { return (filling_.table.empty() || send()) && wait(); }

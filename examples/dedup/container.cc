@@ -4,9 +4,8 @@
 //   data   the chunks
 #include "container.h"
 
-#include <kel/logging.h>
-
-#include <cerrno>
+#include <filesystem>
+#include <system_error>
 
 #include "chunker.h"
 #include "records.h"
@@ -49,9 +48,9 @@ bool read_table_segment(SegmentReader& file, std::vector<StoredChunk>& table,
 
 }  // namespace
 
-ContainerWriter::ContainerWriter(const Repository& repository, uint32_t next_number)
-    : repository_(repository), file_(repository.key()) {
-  filling_.number = next_number;
+ContainerWriter::ContainerWriter(const Repository& repository, ContainerNumbers& numbers)
+    : repository_(repository), numbers_(numbers), file_(repository.key()) {
+  filling_.number = numbers_.last() + 1;
 }
 
 ContainerWriter::~ContainerWriter() { wait(); }
@@ -90,10 +89,10 @@ bool ContainerWriter::write(const Content& content) {
     table.number(entry.length);
   }
   const std::string name = Repository::container_name(content.number);
-  const bool written = file_.create(repository_.temporaries() + "/" + name) &&
-                       file_.append(Tag::kTable, table.bytes()) &&
-                       file_.append(Tag::kData, content.data) &&
-                       file_.commit(repository_.containers());
+  const bool written =
+      numbers_.use(content.number) && file_.create(repository_.temporaries() + "/" + name) &&
+      file_.append(Tag::kTable, table.bytes()) && file_.append(Tag::kData, content.data) &&
+      file_.commit(repository_.containers());
   stored_bytes_ += file_.size();
   return written;
 }
@@ -122,23 +121,9 @@ bool read_container(const Repository& repository, const std::string& path,
   return false;
 }
 
-bool load_index(const Repository& repository, const std::vector<NumberedFile>& containers,
-                Index& index, size_t& damaged) {
-  if (!index.good()) return false;
-  std::vector<StoredChunk> table;
-  std::string problem;
-  for (const NumberedFile& file : containers) {
-    if (!read_table(repository, file.path, table, problem)) {
-      ErrorA(EIO, "container %s %s; move it away and store its source again", file.path.c_str(),
-             problem.c_str());
-      ++damaged;
-      continue;
-    }
-    for (const StoredChunk& entry : table) {
-      if (!index.put(entry.chunk, {file.number, entry.offset, entry.length})) return false;
-    }
-  }
-  return true;
+uint64_t file_size(const std::string& path) {
+  std::error_code error;
+  return std::filesystem::file_size(path, error);
 }
 
 }  // namespace dedup

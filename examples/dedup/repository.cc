@@ -3,6 +3,7 @@
 //   format      one line with the version, one with the fingerprint of the key
 //   key         the key as 64 hexadecimal digits; mode 0600
 //   lock        locked by the process that stores
+//   last-container, index  the last number of a container, and where chunks are
 //   containers  chunks
 //   snapshots   catalogues
 //   tmp         files that are being written
@@ -31,7 +32,7 @@ namespace {
 
 constexpr char kVersionLine[] = "kel-dedup repository 1\n";
 constexpr const char* kFolders[] = {"containers", "snapshots", "tmp"};
-constexpr const char* kFiles[] = {"format", "key", "lock"};
+constexpr const char* kFiles[] = {"format", "index", "key", "last-container", "lock"};
 constexpr char kContainerSuffix[] = ".kdc";
 constexpr char kSnapshotSuffix[] = ".kds";
 constexpr size_t kDigits = 8;

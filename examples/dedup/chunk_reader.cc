@@ -1,9 +1,6 @@
 #include "chunk_reader.h"
 
-#include <kel/logging.h>
-
 #include <algorithm>
-#include <cerrno>
 
 namespace dedup {
 namespace {
@@ -14,32 +11,20 @@ constexpr size_t kContainersInMemory = 12;
 
 }  // namespace
 
-bool ChunkReader::load() {
-  std::vector<NumberedFile> containers;
-  return repository_.list_containers(containers) &&
-         load_index(repository_, containers, index_, unreadable_);
-}
-
 Bytes ChunkReader::read(const Fingerprint& chunk, uint32_t length) {
-  const auto location = index_.find(chunk);
+  const auto location = index_.find_stored(chunk);
   if (!location) return {};
   const Loaded& container = load_container(location->container);
   if (container.data.empty()) return {};
   const uint64_t end = uint64_t{location->offset} + location->length;
   if (location->length != length || end > container.data.size()) {
-    report(container.number, "is damaged: its table makes no sense");
+    index_.report(container.number, "is damaged: its table makes no sense");
     return {};
   }
   const Bytes found(container.data.data() + location->offset, length);
   if (fingerprint_of(found) == chunk) return found;
-  report(container.number, "is damaged: a chunk does not match its fingerprint");
+  index_.report(container.number, "is damaged: a chunk does not match its fingerprint");
   return {};
-}
-
-void ChunkReader::report(uint32_t number, const char* problem) {
-  if (damaged_.insert(number).second)
-    ErrorA(EIO, "container %s/%s %s", repository_.containers().c_str(),
-           Repository::container_name(number).c_str(), problem);
 }
 
 const ChunkReader::Loaded& ChunkReader::load_container(uint32_t number) {
@@ -56,7 +41,7 @@ const ChunkReader::Loaded& ChunkReader::load_container(uint32_t number) {
   const std::string path = repository_.containers() + "/" + Repository::container_name(number);
   if (!read_container(repository_, path, table, fresh.data, problem)) {
     fresh.data.clear();
-    report(number, problem.c_str());
+    index_.report(number, problem);
   }
   return fresh;
 }

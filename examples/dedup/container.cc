@@ -4,9 +4,8 @@
 //   data   the chunks
 #include "container.h"
 
-#include <kel/logging.h>
-
-#include <cerrno>
+#include <filesystem>
+#include <system_error>
 
 #include "chunker.h"
 #include "records.h"
@@ -18,11 +17,15 @@ namespace {
 constexpr size_t kContainerSize = size_t{4} << 20;
 static_assert(kContainerSize + kLargestChunk + kTagSize <= kLargestPayload);
 
+/// Or when it holds so many: the table of small chunks must not outgrow what a reader takes.
+constexpr size_t kMostChunks = 65536;
+constexpr size_t kTableRecordSize = sizeof(Fingerprint) + 8;
+static_assert(kMostChunks * kTableRecordSize + 4 + kTagSize <= kLargestPayload);
+
 bool parse_table(Bytes content, std::vector<StoredChunk>& table) {
-  constexpr size_t kRecordSize = sizeof(Fingerprint) + 8;
   RecordReader reader(content);
   const auto count = reader.number<uint32_t>();
-  if (!reader.good() || reader.left() != count * kRecordSize) return false;
+  if (!reader.good() || reader.left() != count * kTableRecordSize) return false;
   table.clear();
   table.reserve(count);
   for (uint32_t i = 0; i < count; ++i) {
@@ -45,9 +48,11 @@ bool read_table_segment(SegmentReader& file, std::vector<StoredChunk>& table,
 
 }  // namespace
 
-ContainerWriter::ContainerWriter(const Repository& repository, uint32_t next_number)
-    : repository_(repository), file_(repository.key(), repository.settings().compression) {
-  filling_.number = next_number;
+ContainerWriter::ContainerWriter(const Repository& repository, ContainerNumbers& numbers)
+    : repository_(repository),
+      numbers_(numbers),
+      file_(repository.key(), repository.settings().compression) {
+  filling_.number = numbers_.last() + 1;
 }
 
 ContainerWriter::~ContainerWriter() { wait(); }
@@ -58,7 +63,8 @@ bool ContainerWriter::add(const Fingerprint& chunk, Bytes data, Location& locati
   filling_.data.insert(filling_.data.end(), data.begin(), data.end());
   filling_.table.push_back({chunk, offset, length});
   location = {filling_.number, offset, length};
-  return filling_.data.size() < kContainerSize || send();
+  const bool full = filling_.data.size() >= kContainerSize || filling_.table.size() == kMostChunks;
+  return !full || send();
 }
 
 bool ContainerWriter::finish() { return (filling_.table.empty() || send()) && wait(); }
@@ -85,10 +91,10 @@ bool ContainerWriter::write(const Content& content) {
     table.number(entry.length);
   }
   const std::string name = Repository::container_name(content.number);
-  const bool written = file_.create(repository_.temporaries() + "/" + name) &&
-                       file_.append(Tag::kTable, table.bytes()) &&
-                       file_.append(Tag::kData, content.data) &&
-                       file_.commit(repository_.containers());
+  const bool written =
+      numbers_.use(content.number) && file_.create(repository_.temporaries() + "/" + name) &&
+      file_.append(Tag::kTable, table.bytes()) && file_.append(Tag::kData, content.data) &&
+      file_.commit(repository_.containers());
   stored_bytes_ += file_.size();
   return written;
 }
@@ -117,23 +123,9 @@ bool read_container(const Repository& repository, const std::string& path,
   return false;
 }
 
-bool load_index(const Repository& repository, const std::vector<NumberedFile>& containers,
-                Index& index, size_t& damaged) {
-  if (!index.good()) return false;
-  std::vector<StoredChunk> table;
-  std::string problem;
-  for (const NumberedFile& file : containers) {
-    if (!read_table(repository, file.path, table, problem)) {
-      ErrorA(EIO, "container %s %s; move it away and store its source again", file.path.c_str(),
-             problem.c_str());
-      ++damaged;
-      continue;
-    }
-    for (const StoredChunk& entry : table) {
-      if (!index.put(entry.chunk, {file.number, entry.offset, entry.length})) return false;
-    }
-  }
-  return true;
+uint64_t file_size(const std::string& path) {
+  std::error_code error;
+  return std::filesystem::file_size(path, error);
 }
 
 }  // namespace dedup

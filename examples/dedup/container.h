@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "container_numbers.h"
 #include "index.h"
 #include "repository.h"
 #include "segment_file.h"
@@ -22,8 +23,8 @@ struct StoredChunk {
 /// the caller.
 class ContainerWriter {
  public:
-  /// Containers get the numbers from `next_number` on.
-  ContainerWriter(const Repository& repository, uint32_t next_number);
+  /// Containers get the numbers that follow the last one.
+  ContainerWriter(const Repository& repository, ContainerNumbers& numbers);
   ~ContainerWriter();
 
   /// Adds a chunk and says where it will be; false after a report, when a container could not be
@@ -46,6 +47,7 @@ class ContainerWriter {
   bool write(const Content& content);
 
   const Repository& repository_;
+  ContainerNumbers& numbers_;
   SegmentWriter file_;
   Content filling_;
   Content writing_;
@@ -63,9 +65,7 @@ bool read_container(const Repository& repository, const std::string& path,
                     std::vector<StoredChunk>& table, std::vector<unsigned char>& data,
                     std::string& problem);
 
-/// Notes the chunks of all containers. A container that cannot be read is reported and counted in
-/// `damaged`; false when the index could not be made.
-bool load_index(const Repository& repository, const std::vector<NumberedFile>& containers,
-                Index& index, size_t& damaged);
+/// The size of a file; UINT64_MAX when there is none.
+uint64_t file_size(const std::string& path);
 
 }  // namespace dedup

@@ -49,6 +49,8 @@ std::optional<Location> Index::find(const Fingerprint& chunk) const {
   return found.location;
 }
 
+void Index::clear() { KelHashTreeEmpty(tree_); }
+
 uint64_t Index::size() const { return KelHashTreeGetNumUsedNodes(tree_); }
 
 }  // namespace dedup

@@ -1,4 +1,4 @@
-// Where every known chunk is.
+// Chunks and where they are, in memory.
 #pragma once
 
 #include <kel/hashtree.h>
@@ -28,6 +28,7 @@ class Index {
   /// which is reported.
   bool put(const Fingerprint& chunk, const Location& location);
   std::optional<Location> find(const Fingerprint& chunk) const;
+  void clear();
   uint64_t size() const;
 
  private:

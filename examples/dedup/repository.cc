@@ -3,6 +3,7 @@
 //   settings.ini  version, chunk size, compression, and which key
 //   key           the key as 64 hexadecimal digits; mode 0600
 //   lock          locked by the process that stores
+//   last-container, index  the last number of a container, and where chunks are
 //   containers    chunks
 //   snapshots     catalogues
 //   tmp           files that are being written
@@ -32,7 +33,7 @@ namespace {
 
 constexpr char kSettings[] = "settings.ini";
 constexpr const char* kFolders[] = {"containers", "snapshots", "tmp"};
-constexpr const char* kFiles[] = {kSettings, "key", "lock"};
+constexpr const char* kFiles[] = {kSettings, "index", "key", "last-container", "lock"};
 constexpr char kContainerSuffix[] = ".kdc";
 constexpr char kSnapshotSuffix[] = ".kds";
 constexpr size_t kDigits = 8;

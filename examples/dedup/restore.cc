@@ -247,8 +247,9 @@ int restore(const std::string& path, const std::string& snapshot, const std::str
   // The snapshot before the index: what it needs is then there.
   if (!repository.open() || !repository.find_snapshot(snapshot, file) || !make_target(target))
     return 1;
-  ChunkReader chunks(repository);
-  if (!chunks.load()) return 1;
+  ChunkIndex index(repository, ChunkIndex::Use::kRead);
+  if (!index.open()) return 1;
+  ChunkReader chunks(repository, index);
   CatalogueReader catalogue(repository.key(), file.path);
   Restore restoring(chunks, target, options.quiet);
   const bool whole = catalogue.open() && restoring.run(catalogue);

@@ -13,6 +13,7 @@
 #include <memory>
 
 #include "catalogue.h"
+#include "chunk_index.h"
 #include "chunker.h"
 #include "commands.h"
 #include "container.h"
@@ -34,10 +35,10 @@ bool is_unchanged(const struct stat& before, const struct stat& after, uint64_t 
 
 class Store final : public WalkVisitor {
  public:
-  Store(const Repository& repository, Index& index, uint32_t next_container, bool quiet)
+  Store(const Repository& repository, ChunkIndex& index, ContainerNumbers& numbers, bool quiet)
       : repository_(repository),
         index_(index),
-        containers_(repository, next_container),
+        containers_(repository, numbers),
         catalogue_(repository.key(), repository.settings().compression),
         chunker_(repository.settings().chunk_size),
         progress_("storing", quiet),
@@ -65,7 +66,7 @@ class Store final : public WalkVisitor {
   bool store_chunk(Bytes data);
 
   const Repository& repository_;
-  Index& index_;
+  ChunkIndex& index_;
   ContainerWriter containers_;
   CatalogueWriter catalogue_;
   Summary summary_;
@@ -176,6 +177,7 @@ bool Store::store_chunk(Bytes data) {
     summary_.new_bytes += data.size();
     Location location;
     if (!containers_.add(chunk, data, location) || !index_.put(chunk, location)) return false;
+    if (index_.is_full() && (!containers_.finish() || !index_.update())) return false;
   }
   return catalogue_.add_chunk(chunk, static_cast<uint32_t>(data.size()));
 }
@@ -215,19 +217,19 @@ int store(const std::string& path, const std::string& source, const Options& opt
   const std::string folder = resolve_folder(source);
   if (folder.empty()) return 1;
   Repository repository(path);
-  std::vector<NumberedFile> containers;
   std::vector<NumberedFile> snapshots;
-  Index index;
-  size_t damaged = 0;
-  if (!repository.open_for_store(options.settings) || !repository.list_containers(containers) ||
-      !repository.list_snapshots(snapshots) || !load_index(repository, containers, index, damaged))
+  ChunkIndex index(repository, ChunkIndex::Use::kStore);
+  ContainerNumbers numbers;
+  if (!repository.open_for_store(options.settings) || !repository.list_snapshots(snapshots) ||
+      !index.open() || !numbers.open(path + "/last-container", path, index.last_container()))
     return 1;
-  const uint32_t next_container = containers.empty() ? 1 : containers.back().number + 1;
   const uint32_t number = snapshots.empty() ? 1 : snapshots.back().number + 1;
-  Store storing(repository, index, next_container, options.quiet);
+  Store storing(repository, index, numbers, options.quiet);
   if (!storing.run(folder, number)) return 1;
+  // The snapshot is safe; without a new index file the next store only has more to read.
+  const bool is_indexed = !index.is_update_due() || index.update();
   storing.print_summary(number);
-  return storing.summary().problems == 0 && damaged == 0 ? 0 : 1;
+  return storing.summary().problems == 0 && index.damaged() == 0 && is_indexed ? 0 : 1;
 }
 
 }  // namespace dedup

@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # One scenario of kel-dedup.
-# Usage: dedup_test.sh PROGRAM SCENARIO SCALE    (SCALE: how much data, 1 to 4)
+# Usage: dedup_test.sh PROGRAM SCENARIO SCALE SYNTHETIC
+# SCALE: how much data, 1 to 4. SYNTHETIC: the program that makes a repository of many chunks.
 set -euo pipefail
 program=$(realpath "$1")
 scale=$3
+synthetic=$(realpath "$4")
 work=$(mktemp -d)
 trap 'chmod -R u+rwX "$work"; rm -rf "$work"' EXIT
 cd "$work"
@@ -170,6 +172,101 @@ SurvivesBeingKilled() {
   (trap '' XFSZ && ulimit -f 400 && expect 1 store repo tree && says 'make room and store again')
   expect 0 verify repo && expect 0 store repo tree
   rm -rf out && expect 0 restore repo latest out && expect_same tree out
+}
+
+# A repository of so many containers that it has an index file.
+make_indexed_repository() {
+  make_data_tree
+  for i in $(seq 10); do random 9000 >"tree/day$i" && expect 0 store repo tree; done
+  [ -s repo/index ] || fail 'there is no index file'
+}
+
+# expect_whole: a restore brings the tree back, a store finds all its chunks and makes the index
+# good.
+expect_whole() {
+  rm -rf out && expect 0 restore repo latest out && expect_same tree out
+  expect 0 store repo tree
+  [ "$(row new)" -eq 0 ] || fail 'known chunks were stored again'
+  expect 0 verify repo && ! grep -q repo/index log || fail 'the index is still not good'
+}
+
+TrustsNoIndex() {
+  make_indexed_repository && mv repo other
+  make_indexed_repository
+  local size blocks at chunks
+  chunks=$(row chunks)
+  size=$(stat -c %s repo/index)
+  cp -a repo whole
+  rm repo/index && expect 0 verify repo && expect_whole
+  for at in 3 9 20 25 50 $((size / 4096 * 4096 - 4096)) $((size - 100)) $((size - 1)); do
+    rm -rf repo && cp -a whole repo
+    printf '\xa5' | dd of=repo/index bs=1 seek="$at" conv=notrunc status=none
+    expect 1 verify repo && says 'repo/index is damaged'
+    # In a block it is found only by those who look there; at worst chunks are stored again.
+    [ "$at" -le 50 ] || [ "$at" -ge $((size - 100)) ] || rm repo/index
+    expect_whole
+  done
+  for index in other/index whole/containers/00000001.kdc /dev/null; do
+    cat $index >repo/index && expect 1 verify repo && expect_whole
+  done
+  truncate -s $((size - 1)) repo/index && expect_whole
+
+  # Blocks of zeros: a store finds nothing there, a restore all.
+  rm -rf repo && cp -a whole repo
+  blocks=$((size / 4096 - 1))
+  dd if=/dev/zero of=repo/index bs=4096 seek=1 count=$blocks conv=notrunc status=none
+  rm -rf out && expect 0 restore repo latest out && expect_same tree out
+  expect 0 store repo tree && [ "$(row new)" -gt $((chunks / 2)) ] || fail 'zeros were believed'
+  expect_whole
+  cp whole/index repo/index && expect_whole
+
+  # A container that is gone, and comes back.
+  rm -rf repo && cp -a whole repo
+  mv repo/containers/00000001.kdc away
+  expect 1 verify repo && says 'of other containers' && says 'cannot be restored'
+  expect 0 store repo tree && [ "$(row new)" -gt 0 ] || fail 'the index hid what is gone'
+  mv away repo/containers/00000001.kdc && expect_whole
+  # One that was cut off, and one whose table is damaged.
+  for size in 5000 +0; do
+    rm -rf repo && cp -a whole repo
+    dd if=whole/key of=repo/containers/00000001.kdc bs=1 seek=90 conv=notrunc status=none
+    truncate -s $size repo/containers/00000001.kdc
+    expect 1 store repo tree && says 'repo/containers/00000001.kdc'
+    [ "$(row new)" -gt 0 ] || fail 'the index hid what is damaged'
+  done
+}
+
+UsesNoNumberTwice() {
+  make_indexed_repository
+  local last=10
+  next() {
+    random 9000 >tree/next && expect 0 store repo tree && last=$((last + 1))
+    [ -e "repo/containers/$(printf %08d $last).kdc" ] || fail "there is no container $last"
+  }
+  next
+  rm repo/last-container && next
+  echo damaged-file >repo/last-container && next && says 'repo/last-container is damaged'
+  head -c 3 /dev/zero >repo/last-container && next
+  # Behind, as from an old copy.
+  head -c 8 /dev/zero >repo/last-container && next
+  mv "repo/containers/$(printf %08d $last).kdc" . && next
+}
+
+# The hash tree of all chunks would take 80 bytes for each.
+OpensMoreThanMemoryHolds() {
+  local chunks=2000000
+  "$synthetic" repo $chunks
+  make_data_tree
+  ulimit -d 90000
+  for _ in 1 2; do expect 0 store repo tree; done
+  [ "$(row new)" -eq 0 ] || fail 'known chunks were stored again'
+  expect 0 restore repo latest out && expect_same tree out
+  # Without rights to write there, and no index.
+  rm repo/index && chmod -R a-w repo && rm -rf out && mkdir temporary
+  export TMPDIR=$PWD/temporary
+  without_rights "$program" restore repo latest out >log 2>&1 || fail 'restore needs an index'
+  expect_same tree out
+  [ -z "$(ls temporary)" ] || fail 'something was left in TMPDIR'
 }
 
 RefusesAWrongKey() {

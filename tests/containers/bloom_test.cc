@@ -1,32 +1,19 @@
 // Bloom filters against a model that reads a fingerprint as one long number, bit by bit.
 #include <kel/bloom.h>
 
-#include <gmock/gmock.h>
-
-#include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <new>
-#include <random>
 #include <set>
-#include <vector>
-
-#include "support/import_hook.h"
-#include "support/reports.h"
 
 struct crfp_digest_t {
   unsigned char bytes[35];
 };
 
+#include "support/test.h"
+
 namespace {
 
-using kel::testing::error;
-using kel::testing::Fault;
-using kel::testing::ReportCapture;
-using ::testing::Each;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
+using namespace kel::testing;
 
 crfp_digest_t random_digest(std::mt19937_64& random) {
   crfp_digest_t digest;
@@ -48,10 +35,6 @@ std::vector<uint64_t> positions(const crfp_digest_t& digest, unsigned bits) {
   return all;
 }
 
-bool is_set(const unsigned char* bitmap, uint64_t bit) {
-  return (bitmap[bit / 8] & 1 << bit % 8) != 0;
-}
-
 TEST(Bloom, TakesItsBitsFromTheFingerprint) {
   // n, and log2 of the bits that are used
   const std::pair<unsigned long, unsigned> sizes[] = {
@@ -61,16 +44,12 @@ TEST(Bloom, TakesItsBitsFromTheFingerprint) {
     BloomFilter filter(n, 0.25);
     EXPECT_EQ(filter.GetBufferSize(), n);
     EXPECT_EQ(filter.GetBitmapSize(), 8 * n);
-    EXPECT_EQ(filter.GetExpectedFingerprints(), n);
-    EXPECT_EQ(filter.GetHashFunctionCount(), 7u);
-    EXPECT_EQ(filter.GetMaxFalsePositive(), 0.25);
     std::set<uint64_t> model;
     for (int round = 0; round < 200; ++round) {
       const crfp_digest_t digest = random_digest(random);
       const std::vector<uint64_t> at = positions(digest, bits);
-      const bool known =
-          std::all_of(at.begin(), at.end(), [&](auto p) { return model.contains(p); });
-      ASSERT_EQ(filter.Matches(digest), known);
+      ASSERT_EQ(filter.Matches(digest),
+                std::all_of(at.begin(), at.end(), [&](auto p) { return model.contains(p); }));
       for (unsigned i = 0; i < 7; ++i) {
         ASSERT_EQ(filter._calcHash(digest, i), at[i]);
         ASSERT_EQ(filter._matches(at[i]), model.contains(at[i]));
@@ -79,10 +58,9 @@ TEST(Bloom, TakesItsBitsFromTheFingerprint) {
       model.insert(at.begin(), at.end());
       ASSERT_TRUE(filter.Matches(digest));
     }
-    EXPECT_EQ(filter.GetInsertedFingerPrints(), 200u);
     EXPECT_EQ(filter.GetBitsSet(), model.size());
     for (uint64_t bit = 0; bit < std::min<uint64_t>(8 * n, 1 << 16); ++bit)
-      ASSERT_EQ(is_set(filter.GetBloom(), bit), model.contains(bit)) << bit;
+      ASSERT_EQ((filter.GetBloom()[bit / 8] & 1 << bit % 8) != 0, model.contains(bit)) << bit;
     EXPECT_FALSE(filter._matches(8 * n));
     filter._insert(8 * n);
     EXPECT_EQ(filter.GetBitsSet(), model.size());
@@ -130,7 +108,7 @@ TEST(Bloom, BitmapsMoveBetweenFilters) {
   std::vector<crfp_digest_t> digests(2000);
   for (crfp_digest_t& digest : digests) digest = random_digest(random);
   BloomFilter source(700, 0.1);
-  for (int i = 0; i < 500; ++i) source.Insert(digests[static_cast<size_t>(i)]);
+  for (size_t i = 0; i < 500; ++i) source.Insert(digests[i]);
 
   BloomFilter loaded(700, 0.1);
   loaded.SetBloom(source.GetBloom());
@@ -139,13 +117,14 @@ TEST(Bloom, BitmapsMoveBetweenFilters) {
   EXPECT_EQ(loaded.GetFalsePositiveProbability(), source.GetFalsePositiveProbability());
   BloomFilter copy(source);
   const BloomFilter read(copy);
+  EXPECT_EQ(read.GetHashFunctionCount(), 7u);
+  EXPECT_EQ(read.GetMaxFalsePositive(), 0.1);
+  const uint64_t bits = source.GetBitsSet();
   for (const crfp_digest_t& digest : digests) {
+    copy.Insert(digest);
     ASSERT_EQ(loaded.Matches(digest), source.Matches(digest));
     ASSERT_EQ(read.Matches(digest), source.Matches(digest));
   }
-
-  const uint64_t bits = source.GetBitsSet();
-  for (const crfp_digest_t& digest : digests) copy.Insert(digest);
   EXPECT_EQ(source.GetBitsSet(), bits);
   EXPECT_EQ(source.GetInsertedFingerPrints(), 500u);
   EXPECT_EQ(copy.GetInsertedFingerPrints(), 2500u);
@@ -155,12 +134,10 @@ TEST(Bloom, BitmapsMoveBetweenFilters) {
   for (const BloomFilter* filter : {&copy, &loaded}) {
     EXPECT_EQ(filter->GetBitsSet(), 0u);
     EXPECT_EQ(filter->GetInsertedFingerPrints(), 0u);
-    EXPECT_EQ(filter->GetFalsePositiveProbability(), 0);
     EXPECT_FALSE(filter->Matches(digests[0]));
   }
   source.SetBloom(nullptr);
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_THAT(reports.take(), ElementsAre(error(22, "SetBloom: invalid NULL parameter")));
+  EXPECT_EQ(reports.take(), null_reports("", {"SetBloom"}));
   EXPECT_EQ(source.GetBitsSet(), bits);
 }
 
@@ -175,54 +152,48 @@ TEST(Bloom, WithoutABitmapExcludesNothing) {
     filter._insert(0);
     filter.SetBloom(&byte);
     EXPECT_TRUE(filter.Matches(digest));
+    EXPECT_TRUE(BloomFilter(filter).Matches(digest));
     EXPECT_FALSE(filter._matches(0));
     EXPECT_EQ(filter.GetBloom(), nullptr);
-    EXPECT_EQ(filter.GetBufferSize(), 0u);
-    EXPECT_EQ(filter.GetBitmapSize(), 0u);
-    EXPECT_EQ(filter.GetBitsSet(), 0u);
+    EXPECT_EQ(filter.GetBufferSize() + filter.GetBitmapSize() + filter.GetBitsSet(), 0u);
     EXPECT_EQ(filter.GetFalsePositiveProbability(), 1);
-    EXPECT_EQ(filter.GetInsertedFingerPrints(), 1u);
-    BloomFilter copy(filter);
-    EXPECT_TRUE(copy.Matches(digest));
     filter.Empty();
   };
-
   BloomFilter none(0, 0.5);
-  EXPECT_FALSE(none.Matches(digest));
-  EXPECT_EQ(none.GetFalsePositiveProbability(), 0);
-  use_all(none);
-  EXPECT_FALSE(none.Matches(digest));
-  EXPECT_THAT(reports.take(), IsEmpty());
-
-  for (const unsigned long n : {1ul << 32, (1ul << 32) + 8, ~0ul}) {
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_FALSE(none.Matches(digest));
+    EXPECT_EQ(none.GetFalsePositiveProbability(), 0);
+    use_all(none);
+  }
+  for (const unsigned long n : {1ul << 32, ~0ul}) {
     errno = 0;
     BloomFilter huge(n, 0.5);
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_TRUE(huge.Matches(digest));
     EXPECT_EQ(huge.GetExpectedFingerprints(), n);
+    EXPECT_TRUE(huge.Matches(digest));
     use_all(huge);
     EXPECT_TRUE(huge.Matches(digest));
   }
   EXPECT_THAT(
       reports.take_texts(),
       ElementsAre("BloomFilter: 4294967296 expected fingerprints exceed the limit of 4294967295",
-                  HasSubstr("4294967304"), HasSubstr("18446744073709551615")));
+                  HasSubstr("18446744073709551615")));
 
   BloomFilter source(4096, 0.5);
   source.Insert(digest);
   source.SetInsertedFingerPrints(0);
-  using NoMemory = Fault<"_ZnamRKSt9nothrow_t", void*(size_t, const std::nothrow_t&)>;
   const auto without_memory = [](auto make) {
-    const NoMemory fault(1, nullptr, ENOMEM);
+    const Fault<"_ZnamRKSt9nothrow_t", void*(size_t, const std::nothrow_t&)> fault(1, nullptr,
+                                                                                   ENOMEM);
     return make();
   };
   BloomFilter poor = without_memory([] { return BloomFilter(4096, 0.5); });
   EXPECT_EQ(errno, ENOMEM);
-  EXPECT_TRUE(poor.Matches(digest));
-  use_all(poor);
   BloomFilter poor_copy = without_memory([&] { return BloomFilter(source); });
-  EXPECT_TRUE(poor_copy.Matches(digest));
-  use_all(poor_copy);
+  for (BloomFilter* filter : {&poor, &poor_copy}) {
+    EXPECT_TRUE(filter->Matches(digest));
+    use_all(*filter);
+  }
   const auto texts = reports.take_texts();
   EXPECT_EQ(texts.size(), 2u);
   EXPECT_THAT(texts, Each(HasSubstr("Could not allocate 4096 bytes (BloomFilter at line")));

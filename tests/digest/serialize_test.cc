@@ -1,29 +1,12 @@
 #include <kel/serialize.h>
 
-#include <gmock/gmock.h>
-
-#include <cstdint>
-#include <cstring>
 #include <new>
-#include <random>
-#include <string>
 
-#include "support/import_hook.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 
-using kel::testing::error;
-using kel::testing::Fault;
-using kel::testing::Hooked;
-using kel::testing::ReportCapture;
-using kel::testing::TempDir;
-using kel::testing::warning;
-using kel::testing::write_file;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::MatchesRegex;
+using namespace kel::testing;
 
 /// The functions of one width; null where the family has none.
 template <class T>
@@ -43,28 +26,22 @@ const Width<uint32_t> k32{KelUint32SerializedSize, KelUint32Serialize, KelUint32
 const Width<uint64_t> k64{KelUint64SerializedSize, KelUint64Serialize, KelUint64InitDeserialize,
                           KelUint64InitFromFile, "KelUint64"};
 
-/// A stream over a file with this text.
-class TextStream {
- public:
-  explicit TextStream(const std::string& text, const char* mode = "r") {
-    write_file(path_, text);
-    stream_ = std::fopen(path_.c_str(), mode);
-  }
-  ~TextStream() { std::fclose(stream_); }
-  TextStream(const TextStream&) = delete;
-  TextStream& operator=(const TextStream&) = delete;
-
-  FILE* get() const { return stream_; }
-  std::string rest() const {
-    char buf[64];
-    return {buf, std::fread(buf, 1, sizeof buf, stream_)};
-  }
-
- private:
-  TempDir dir_;
-  std::string path_ = dir_ / "text";
-  FILE* stream_;
+struct Close {
+  void operator()(FILE* file) const { std::fclose(file); }
 };
+using File = std::unique_ptr<FILE, Close>;
+
+/// A stream over this text, which is not empty.
+File stream_of(const std::string& text) {
+  File stream(std::tmpfile());
+  std::fputs(text.c_str(), stream.get());
+  std::rewind(stream.get());
+  return stream;
+}
+std::string rest(const File& stream) {
+  char buf[64];
+  return {buf, std::fread(buf, 1, sizeof buf, stream.get())};
+}
 
 /// Both forms of `value` are what std::to_string and shifts make of it, and come back.
 template <class T>
@@ -114,20 +91,19 @@ TEST(Serialize, WhatDoesNotFitIsNotWritten) {
   ReportCapture reports;
   std::string buf(24, '#');
   errno = 0;
-  EXPECT_EQ(KelUint64Serialize(buf.data(), 7, 1, 1), 0u);
-  EXPECT_EQ(errno, ENOBUFS);
-  EXPECT_EQ(KelUint32Serialize(buf.data(), 9, UINT32_MAX, 0), 0u);
-  EXPECT_EQ(buf, '\0' + std::string(23, '#'));
-  EXPECT_EQ(KelUint8Serialize(buf.data() + 1, 0, 1, 0), 0u);
-  EXPECT_EQ(buf[1], '#');
   EXPECT_EQ(KelUint16Serialize(buf.data(), 1, 7, 1), 0u) << "and is not reported";
   EXPECT_EQ(errno, ENOBUFS);
+  EXPECT_EQ(KelUint64Serialize(buf.data(), 7, 1, 1), 0u);
+  EXPECT_EQ(KelUint8Serialize(buf.data(), 0, 1, 0), 0u);
+  EXPECT_EQ(buf[0], '#');
+  EXPECT_EQ(KelUint32Serialize(buf.data(), 9, UINT32_MAX, 0), 0u);
+  EXPECT_EQ(buf, '\0' + std::string(23, '#'));
   EXPECT_EQ(KelUint16Serialize(buf.data(), 2, 7, 0), 0u);
   EXPECT_EQ(KelUint16Serialize(nullptr, 2, 7, 0), 0u);
   const std::string no_fit = "Serialize: incompatible bufsize and value size";
   EXPECT_THAT(reports.take(),
-              ElementsAre(error(ENOBUFS, "KelUint64" + no_fit),
-                          error(ENOBUFS, "KelUint32" + no_fit), error(ENOBUFS, "KelUint8" + no_fit),
+              ElementsAre(error(ENOBUFS, "KelUint64" + no_fit), error(ENOBUFS, "KelUint8" + no_fit),
+                          error(ENOBUFS, "KelUint32" + no_fit),
                           error(EINVAL, "KelUint16Serialize: invalid binary value -- not tested"),
                           error(EINVAL, "KelUint16Serialize: invalid NULL parameter")));
 }
@@ -193,52 +169,42 @@ TEST(Serialize, StreamsGiveUpExactlyTheForm) {
   uint32_t value = 0;
   uint64_t wide = 0;
   size_t used = 0;
-  {
-    const TextStream stream("123abc");
-    EXPECT_EQ(KelUint32InitFromFile(&value, stream.get(), 0, &used), &value);
-    EXPECT_TRUE(value == 123 && used == 3);
-    EXPECT_EQ(KelUint8InitFromFile(&byte, stream.get(), 1, &used), &byte);
-    EXPECT_TRUE(byte == 'a' && used == 1);
-    EXPECT_EQ(stream.rest(), "bc");
-  }
-  {
-    const TextStream stream("18446744073709551615");
-    EXPECT_EQ(KelUint64InitFromFile(&wide, stream.get(), 0, nullptr), &wide);
-    EXPECT_EQ(wide, UINT64_MAX);
-  }
+  const File stream = stream_of("123abc");
+  EXPECT_EQ(KelUint32InitFromFile(&value, stream.get(), 0, &used), &value);
+  EXPECT_TRUE(value == 123 && used == 3);
+  EXPECT_EQ(KelUint8InitFromFile(&byte, stream.get(), 1, &used), &byte);
+  EXPECT_TRUE(byte == 'a' && used == 1);
+  EXPECT_EQ(rest(stream), "bc");
+  const File largest = stream_of("18446744073709551615");
+  EXPECT_EQ(KelUint64InitFromFile(&wide, largest.get(), 0, nullptr), &wide);
+  EXPECT_EQ(wide, UINT64_MAX);
   EXPECT_THAT(reports.take(), IsEmpty());
-  {
-    const TextStream stream(std::string(40, '1') + "x");
-    EXPECT_EQ(KelUint64InitFromFile(&wide, stream.get(), 0, &used), nullptr);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(stream.rest(), "11111111x");
-    EXPECT_EQ(KelUint64InitFromFile(&wide, stream.get(), 0, &used), nullptr);
-  }
+
+  const File too_long = stream_of(std::string(40, '1') + "x");
+  EXPECT_EQ(KelUint64InitFromFile(&wide, too_long.get(), 0, &used), nullptr);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(rest(too_long), "11111111x");
+  EXPECT_EQ(KelUint64InitFromFile(&wide, too_long.get(), 0, &used), nullptr);
+  EXPECT_EQ(KelUint8InitFromFile(nullptr, stream.get(), 0, &used), nullptr);
+  EXPECT_EQ(KelUint8InitFromFile(&byte, nullptr, 0, &used), nullptr);
   EXPECT_THAT(reports.take_texts(),
               ElementsAre(MatchesRegex("KelUint64InitFromFile: had an error occur .*"),
-                          "KelUint64InitFromFile: invalid NULL buffer or empty buffer"));
-  {
-    const TextStream stream("abc");
-    errno = 0;
-    EXPECT_EQ(KelUint32InitFromFile(&value, stream.get(), 1, &used), nullptr);
-    EXPECT_EQ(errno, EIO);
-    std::rewind(stream.get());
-    const Fault<"ungetc", int(int, FILE*)> fault(1, EOF, 0);
-    EXPECT_EQ(KelUint32InitFromFile(&value, stream.get(), 0, &used), nullptr);
-    EXPECT_EQ(errno, EIO);
-    EXPECT_EQ(KelUint8InitFromFile(nullptr, stream.get(), 0, &used), nullptr);
-    EXPECT_EQ(KelUint8InitFromFile(&byte, nullptr, 0, &used), nullptr);
-  }
-  const TextStream unreadable("1", "a");
-  EXPECT_EQ(KelUint8InitFromFile(&byte, unreadable.get(), 0, &used), nullptr);
+                          "KelUint64InitFromFile: invalid NULL buffer or empty buffer",
+                          "KelUint8InitFromFile: invalid NULL pvalue",
+                          "KelUint8InitFromFile: invalid NULL file"));
+
+  const File too_short = stream_of("abc");
+  EXPECT_EQ(KelUint32InitFromFile(&value, too_short.get(), 1, &used), nullptr);
+  const File unreadable(std::fopen("/dev/null", "w"));
+  EXPECT_EQ(KelUint32InitFromFile(&value, unreadable.get(), 0, &used), nullptr);
+  std::rewind(too_short.get());
+  const Fault<"ungetc", int(int, FILE*)> fault(1, EOF, 0);
+  EXPECT_EQ(KelUint32InitFromFile(&value, too_short.get(), 0, &used), nullptr);
   EXPECT_EQ(errno, EIO);
-  EXPECT_TRUE(byte == 'a' && value == 123 && used == 1);
-  const std::string unable = " \\([0-9]+\\): unable to read file: Input/output error";
-  EXPECT_THAT(reports.take_texts(), ElementsAre(MatchesRegex("KelUint32InitFromFile" + unable),
-                                                MatchesRegex("KelUint32InitFromFile" + unable),
-                                                "KelUint8InitFromFile: invalid NULL pvalue",
-                                                "KelUint8InitFromFile: invalid NULL file",
-                                                MatchesRegex("KelUint8InitFromFile" + unable)));
+  EXPECT_TRUE(value == 123 && used == 1);
+  const auto unable =
+      MatchesRegex("KelUint32InitFromFile \\([0-9]+\\): unable to read file: Input/output error");
+  EXPECT_THAT(reports.take_texts(), ElementsAre(unable, unable, unable));
 }
 
 // Every length through the blocks of 16 and what is left of them, and every character at every
@@ -281,12 +247,11 @@ TEST(Serialize, BuffersAreHexTextAndBack) {
   EXPECT_EQ(KelBufToSerialize(back, 40, "x", 0), 0u);
   EXPECT_EQ(KelBufToSerialize(back, 1, "x", 1), 0u);
   EXPECT_EQ(KelBufToSerialize(back, 40, "x", SIZE_MAX / 2 + 1), 0u);
-  EXPECT_EQ(KelBufToSerialize(nullptr, 40, "x", 1), 0u);
   EXPECT_EQ(KelBufToDeserialize(back, 2, "abc", 3), 0u);
   EXPECT_EQ(KelBufToDeserialize(nullptr, 1, "ab", 2), 0u);
-  for (const std::string& text : reports.take_texts())
-    EXPECT_THAT(text, MatchesRegex("KelBufTo(Des|S)erialize: invalid NULL parameter or bufsize too "
-                                   "small"));
+  EXPECT_THAT(reports.take_texts(),
+              Each(MatchesRegex("KelBufTo(Des|S)erialize: invalid NULL parameter or "
+                                "bufsize too small")));
 }
 
 TEST(BackupIds, AreTheNamesOfImagesWithoutTheirExtension) {
@@ -297,7 +262,6 @@ TEST(BackupIds, AreTheNamesOfImagesWithoutTheirExtension) {
                                  {"y.hdr\n", "y"},
                                  {"z.txt", ""},
                                  {"z.im", ""},
-                                 {"z.", ""},
                                  {"", ""},
                                  {" no dot ", " no dot "},
                                  {".img", ""}})
@@ -314,15 +278,13 @@ TEST(BackupIds, ContainerListsAreReadLineByLine) {
   std::set<unsigned long> set = {1};
   EXPECT_TRUE(ReadDcidFile(path, &set));
   EXPECT_THAT(set, ElementsAre(1, 64, 70, 80, 90, 18446744073709551614u));
-  const std::string discard = "ReadDcidFile: Discard invalid dcid ";
-  EXPECT_THAT(reports.take(),
-              ElementsAre(warning(-1, discard + "63"), warning(-1, discard + "0x50"),
-                          warning(-1, discard + "18446744073709551615"),
-                          warning(-1, discard + "99999999999999999999"),
-                          warning(-1, discard + "-5"), warning(-1, discard + "abc")));
+  std::vector<Report> discarded;
+  for (const char* line :
+       {"63", "0x50", "18446744073709551615", "99999999999999999999", "-5", "abc"})
+    discarded.push_back(warning(-1, "ReadDcidFile: Discard invalid dcid " + std::string(line)));
+  EXPECT_EQ(reports.take(), discarded);
 
   EXPECT_FALSE(ReadDcidFile(dir / "missing", &set));
-  EXPECT_EQ(errno, ENOENT);
   EXPECT_FALSE(ReadDcidFile(dir.path().string(), &set)) << "opens, but cannot be read";
   EXPECT_FALSE(ReadDcidFile(path, nullptr));
   EXPECT_THAT(reports.take(),

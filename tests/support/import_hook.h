@@ -98,4 +98,13 @@ long fail_each(R failure, int error, Scenario scenario) {
   }
 }
 
+template <class Scenario>
+long fail_each_malloc(Scenario scenario) {
+  return fail_each<"malloc", void*(size_t)>(nullptr, ENOMEM, scenario);
+}
+template <class Scenario>
+long fail_each_calloc(Scenario scenario) {
+  return fail_each<"calloc", void*(size_t, size_t)>(nullptr, ENOMEM, scenario);
+}
+
 }  // namespace kel::testing

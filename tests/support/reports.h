@@ -3,6 +3,8 @@
 
 #include <kel/logging.h>
 
+#include <cerrno>
+#include <initializer_list>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -41,5 +43,14 @@ class ReportCapture {
 
 inline Report error(int code, std::string text) { return {KEL_LOG_ERR, code, std::move(text)}; }
 inline Report warning(int code, std::string text) { return {KEL_LOG_WARN, code, std::move(text)}; }
+
+/// A report of a missing argument for each of these functions of a family.
+inline std::vector<Report> null_reports(const std::string& family,
+                                        std::initializer_list<const char*> functions) {
+  std::vector<Report> reports;
+  for (const char* name : functions)
+    reports.push_back(error(EINVAL, family + name + ": invalid NULL parameter"));
+  return reports;
+}
 
 }  // namespace kel::testing

@@ -15,6 +15,7 @@
 #include <kel/library.h>
 #include <kel/logging.h>
 #include <kel/magic.h>
+#include <kel/os.h>
 #include <kel/preallocator.h>
 #include <kel/runtime.h>
 #include <kel/safeio.h>

@@ -9,6 +9,7 @@
 #include <kel/cipher.h>
 #include <kel/crc.h>
 #include <kel/crypt.h>
+#include <kel/daemon.h>
 #include <kel/digest.h>
 #include <kel/export.h>
 #include <kel/hashtree.h>

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "internal/handles.h"
@@ -10,6 +11,8 @@
 
 namespace kel::internal {
 namespace {
+
+constexpr int kResidentField = 24;  // resident pages
 
 UniqueFile open_stat(int pid) noexcept {
   char path[32] = "/proc/self/stat";
@@ -32,15 +35,12 @@ unsigned long resident_bytes() noexcept {
   const UniqueFile stat = open_stat(0);
   char line[1024];
   if (!stat || std::fgets(line, sizeof line, stat.get()) == nullptr) return 0;
-  // The name, field 2, may hold spaces and brackets; resident pages are field 24.
-  const char* fields = std::strrchr(line, ')');
-  unsigned long pages = 0;
-  if (fields == nullptr ||
-      std::sscanf(fields,
-                  ") %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %*d %*d "
-                  "%*u %*u %lu",
-                  &pages) != 1)
-    return 0;
+  // Behind the name, field 2, which may hold spaces and brackets, each field follows one space.
+  const char* field = std::strrchr(line, ')');
+  for (int number = 2; number < kResidentField && field != nullptr; ++number)
+    field = std::strchr(field + 1, ' ');
+  if (field == nullptr) return 0;
+  const unsigned long pages = std::strtoul(field, nullptr, 10);
   return pages * static_cast<unsigned long>(sysconf(_SC_PAGESIZE));
 }
 

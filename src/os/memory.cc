@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 
@@ -30,10 +31,8 @@ unsigned long free_by_meminfo() {
   while (std::fgets(line, sizeof line, meminfo.get()) != nullptr) {
     for (const char* wanted : {"MemFree:", "Buffers:", "Cached:"}) {
       const size_t length = std::strlen(wanted);
-      unsigned long value = 0;
       if (std::strncmp(line, wanted, length) != 0) continue;
-      if (std::sscanf(line + length, "%lu", &value) != 1) continue;
-      kilobytes += value;
+      kilobytes += std::strtoul(line + length, nullptr, 10);
       found = true;
     }
   }

@@ -2,26 +2,33 @@
 """Prints a table of ratios from Google Benchmark's JSON files.
 
 Benchmarks named TASK/kel and TASK/PEER are compared by their median CPU time; a ratio above 1 means
-that the library is faster than the peer. Usage: bench_ratios.py FILE.json...
+that the library is faster than the peer. Counters are printed below it. Ends
+with status 1 when a benchmark skipped itself with an error or there is nothing to compare. Usage:
+bench_ratios.py FILE.json...
 """
 import json
-import os
 import statistics
 import sys
 
 times = {}
+counters = {}
+errors = []
 for path in sys.argv[1:]:
-    if os.path.getsize(path) == 0:
-        continue
     with open(path, encoding="utf-8") as stream:
         for run in json.load(stream)["benchmarks"]:
-            if run.get("run_type") == "iteration" and not run.get("error_occurred"):
+            if run.get("error_occurred"):
+                errors.append(f"{run['name']}: {run['error_message']}")
+            elif run.get("run_type") == "iteration":
                 scale = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}[run["time_unit"]]
                 parts = run["run_name"].split("/")
                 # Google Benchmark puts its own settings behind the name.
                 while ":" in parts[-1] or parts[-1].isdigit() or parts[-1] in ("real_time", "process_time", "manual_time"):
                     parts.pop()
-                times.setdefault("/".join(parts), []).append(
+                name = "/".join(parts)
+                # What the benchmark itself has counted, such as memory; times are in the table.
+                counters.setdefault(name, {}).update(
+                    {key: run[key] for key in ("bytes_per_record", "percent") if key in run})
+                times.setdefault(name, []).append(
                     (run["real_time"] if "real_time" in run["run_name"] else run["cpu_time"]) * scale)
 
 medians = {name: statistics.median(values) for name, values in times.items()}
@@ -37,3 +44,12 @@ for name, ours in sorted(medians.items()):
 print(f"{'task':44} {'peer':22} {'kel ns':>14} {'peer ns':>14} {'ratio':>7}")
 for task, peer, ours, theirs in rows:
     print(f"{task:44} {peer:22} {ours:14.1f} {theirs:14.1f} {theirs / ours:7.2f}")
+
+for name in sorted(times):
+    for counter, value in counters[name].items():
+        print(f"{name}: {counter} {value:.1f}")
+
+for error in errors:
+    print(f"bench_ratios.py: {error}", file=sys.stderr)
+if errors or not rows:
+    sys.exit(errors and 1 or "bench_ratios.py: nothing to compare")

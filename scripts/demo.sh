@@ -16,6 +16,24 @@ work=$(mktemp -d)
 trap 'chmod -R u+rwX "$work"; rm -rf "$work"' EXIT
 
 echo
+echo "== Options: defaults, a configuration file over them, the command line over both"
+cat >"$work/dedup.ini" <<END
+[Repository]
+ChunkSize = 32KiB
+Compression = zlib
+[Log]
+File = $work/dedup.log
+Level = long
+END
+cat "$work/dedup.ini"
+"$dedup" --config="$work/dedup.ini" --chunk-size=8KiB --quiet store "$work/repo" "$source_dir"
+echo "-- the settings that the repository keeps:"
+cat "$work/repo/settings.ini"
+echo "-- the log file:"
+cat "$work/dedup.log"
+rm -r "$work/repo"
+
+echo
 echo "== Store $source_dir: cut into chunks, each kept once, compressed and encrypted"
 "$dedup" store "$work/repo" "$source_dir"
 echo

@@ -47,7 +47,7 @@ struct Summary {
 
 class CatalogueWriter {
  public:
-  explicit CatalogueWriter(const KelKey& key) : file_(key) {}
+  CatalogueWriter(const KelKey& key, Compression compression) : file_(key, compression) {}
 
   bool create(const std::string& temporary) { return file_.create(temporary); }
   /// A folder, a file or a link.

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdint>
 
 namespace dedup {
 namespace {
@@ -27,12 +26,10 @@ constexpr std::array<uint64_t, 256> make_gear() {
 
 constexpr auto kGear = make_gear();
 
-/// The `bits` highest bits: those that the most bytes have reached.
-constexpr uint64_t high_bits(int bits) { return ~uint64_t{0} << (64 - bits); }
-
-constexpr uint64_t kHardMask = high_bits(16);  // 4 times less likely than the usual size asks for
-constexpr uint64_t kEasyMask = high_bits(12);  // 4 times more likely
-static_assert(kUsualChunk == size_t{1} << 14);
+/// A mask under which one hash in `count`, a power of two, is zero; of the highest bits, which the
+/// most bytes have reached.
+constexpr uint64_t one_in(uint64_t count) { return ~(~uint64_t{0} / count); }
+static_assert(one_in(uint64_t{1} << 16) == 0xffff000000000000);
 
 /// The first cut under `mask` in [from, to), or `to`.
 size_t find_cut(const unsigned char* data, size_t from, size_t to, uint64_t mask, uint64_t& hash) {
@@ -45,13 +42,21 @@ size_t find_cut(const unsigned char* data, size_t from, size_t to, uint64_t mask
 
 }  // namespace
 
-size_t first_chunk(const unsigned char* data, size_t size) {
-  if (size <= kSmallestChunk) return size;
-  const size_t usual = std::min(size, kUsualChunk);
-  const size_t largest = std::min(size, kLargestChunk);
+Chunker::Chunker(size_t usual)
+    : smallest_(usual / 4),
+      usual_(usual),
+      largest_(usual * 4),
+      // Less likely than the usual size asks for, then more likely.
+      hard_mask_(one_in(usual * 4)),
+      easy_mask_(one_in(usual / 4)) {}
+
+size_t Chunker::first_chunk(const unsigned char* data, size_t size) const {
+  if (size <= smallest_) return size;
+  const size_t usual = std::min(size, usual_);
+  const size_t largest = std::min(size, largest_);
   uint64_t hash = 0;
-  const size_t cut = find_cut(data, kSmallestChunk, usual, kHardMask, hash);
-  return cut < usual ? cut : find_cut(data, usual, largest, kEasyMask, hash);
+  const size_t cut = find_cut(data, smallest_, usual, hard_mask_, hash);
+  return cut < usual ? cut : find_cut(data, usual, largest, easy_mask_, hash);
 }
 
 }  // namespace dedup

@@ -3,15 +3,31 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 namespace dedup {
 
-inline constexpr size_t kSmallestChunk = size_t{4} << 10;
-inline constexpr size_t kUsualChunk = size_t{16} << 10;
-inline constexpr size_t kLargestChunk = size_t{64} << 10;
+inline constexpr size_t kSmallestUsualChunk = size_t{1} << 10;
+inline constexpr size_t kLargestUsualChunk = size_t{1} << 20;
+/// A chunk is at most 4 times as large as usual, and no smaller than a quarter.
+inline constexpr size_t kLargestChunk = 4 * kLargestUsualChunk;
 
-/// The length of the first chunk of `size` bytes. With `size` below kLargestChunk there must be
-/// nothing behind the data.
-size_t first_chunk(const unsigned char* data, size_t size);
+class Chunker {
+ public:
+  /// `usual` is a power of two from kSmallestUsualChunk to kLargestUsualChunk.
+  explicit Chunker(size_t usual);
+
+  size_t largest() const { return largest_; }
+  /// The length of the first chunk of `size` bytes. With `size` below largest() there must be
+  /// nothing behind the data.
+  size_t first_chunk(const unsigned char* data, size_t size) const;
+
+ private:
+  size_t smallest_;
+  size_t usual_;
+  size_t largest_;
+  uint64_t hard_mask_;
+  uint64_t easy_mask_;
+};
 
 }  // namespace dedup

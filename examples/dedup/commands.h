@@ -3,11 +3,14 @@
 
 #include <string>
 
+#include "options.h"
+
 namespace dedup {
 
-int store(const std::string& repository, const std::string& source);
-int restore(const std::string& repository, const std::string& snapshot, const std::string& target);
-int verify(const std::string& repository);
+int store(const std::string& repository, const std::string& source, const Options& options);
+int restore(const std::string& repository, const std::string& snapshot, const std::string& target,
+            const Options& options);
+int verify(const std::string& repository, const Options& options);
 int list(const std::string& repository);
 
 }  // namespace dedup

@@ -46,7 +46,7 @@ bool read_table_segment(SegmentReader& file, std::vector<StoredChunk>& table,
 }  // namespace
 
 ContainerWriter::ContainerWriter(const Repository& repository, uint32_t next_number)
-    : repository_(repository), file_(repository.key()) {
+    : repository_(repository), file_(repository.key(), repository.settings().compression) {
   filling_.number = next_number;
 }
 

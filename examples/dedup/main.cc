@@ -9,15 +9,19 @@
 #include <cstring>
 #include <exception>
 #include <string>
+#include <vector>
 
 #include "commands.h"
+#include "text.h"
 
 namespace {
 
+// The command line, for the usage: what calls it knows the program's name only.
+int argument_count;
+char** arguments;
+
 void usage(const char* program) {
-  std::printf(
-      "Usage: %s COMMAND REPO ...\n"
-      "\n"
+  std::fputs(
       "Keeps snapshots of folders in a repository, every chunk of data once, compressed and\n"
       "encrypted.\n"
       "\n"
@@ -31,7 +35,8 @@ void usage(const char* program) {
       "\n"
       "The exit status is 0 when everything is right, else 1. REPO/key is the key: without it\n"
       "nothing can be read, with it everything.\n",
-      program);
+      stdout);
+  dedup::print_options(stdout, program, argument_count, arguments);
 }
 
 /// A walk holds a descriptor for each level of its tree.
@@ -42,24 +47,43 @@ void raise_descriptor_limit() {
   ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-int run(int argc, char** argv) {
-  const std::string command = argc > 1 ? argv[1] : "";
-  if (command == "store" && argc == 4) return dedup::store(argv[2], argv[3]);
-  if (command == "restore" && argc == 5) return dedup::restore(argv[2], argv[3], argv[4]);
-  if (command == "verify" && argc == 3) return dedup::verify(argv[2]);
-  if (command == "list" && argc == 3) return dedup::list(argv[2]);
-  ShowUsage(argv, usage);
+/// Carries out a command, the first of the words.
+int run(const std::vector<std::string>& words, const dedup::Options& options) {
+  const std::string command = words.empty() ? "" : words[0];
+  const size_t count = words.size();
+  if (command == "store" && count == 3) return dedup::store(words[1], words[2], options);
+  if (command == "restore" && count == 4)
+    return dedup::restore(words[1], words[2], words[3], options);
+  if (command == "verify" && count == 2) return dedup::verify(words[1], options);
+  if (command == "list" && count == 2) return dedup::list(words[1]);
+  ShowUsage(arguments, usage);
   return 1;
+}
+
+int run_command_line(int argc, char** argv) {
+  dedup::Options options;
+  const int first = dedup::read_options(argc, argv, options);
+  if (first < 0) {
+    ErrorA(-1, "kel-dedup: see kel-dedup --help");
+    return 1;
+  }
+  const std::vector<std::string> words(argv + first, argv + argc);
+  const int status = run(words, options);
+  InfoA(-1, "kel-dedup %s of %s: %s", words[0].c_str(), dedup::path_text(words[1]).c_str(),
+        status == 0 ? "done" : "done, but for what was reported");
+  return status;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  argument_count = argc;
+  arguments = argv;
   const tqutil::LibAutoInit library("kel-dedup");
   _checkCommonArgs(&argc, argv, usage, GetKELVersion(), __DATE__, __TIME__, "Release");
   try {
     raise_descriptor_limit();
-    const int status = run(argc, argv);
+    const int status = run_command_line(argc, argv);
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
     ErrorA(errno, "kel-dedup: could not write the output: %s", std::strerror(errno));
     return 1;

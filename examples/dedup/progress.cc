@@ -8,7 +8,8 @@
 
 namespace dedup {
 
-Progress::Progress(const char* verb) : verb_(verb), wanted_(::isatty(STDERR_FILENO) == 1) {}
+Progress::Progress(const char* verb, bool quiet)
+    : verb_(verb), wanted_(!quiet && ::isatty(STDERR_FILENO) == 1) {}
 
 void Progress::add_bytes(uint64_t bytes) {
   bytes_ += bytes;

@@ -9,7 +9,8 @@ namespace dedup {
 
 class Progress {
  public:
-  explicit Progress(const char* verb);
+  /// Quiet: there is no line at all.
+  Progress(const char* verb, bool quiet);
   ~Progress() { clear(); }
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;

@@ -1,16 +1,17 @@
 // The layout of a repository:
 //
-//   format      one line with the version, one with the fingerprint of the key
-//   key         the key as 64 hexadecimal digits; mode 0600
-//   lock        locked by the process that stores
-//   containers  chunks
-//   snapshots   catalogues
-//   tmp         files that are being written
+//   settings.ini  version, chunk size, compression, and which key
+//   key           the key as 64 hexadecimal digits; mode 0600
+//   lock          locked by the process that stores
+//   containers    chunks
+//   snapshots     catalogues
+//   tmp           files that are being written
 #include "repository.h"
 
 #include <kel/digest.h>
 #include <kel/logging.h>
 #include <kel/safeio.h>
+#include <kel/text.h>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -29,9 +30,9 @@
 namespace dedup {
 namespace {
 
-constexpr char kVersionLine[] = "kel-dedup repository 1\n";
+constexpr char kSettings[] = "settings.ini";
 constexpr const char* kFolders[] = {"containers", "snapshots", "tmp"};
-constexpr const char* kFiles[] = {"format", "key", "lock"};
+constexpr const char* kFiles[] = {kSettings, "key", "lock"};
 constexpr char kContainerSuffix[] = ".kdc";
 constexpr char kSnapshotSuffix[] = ".kds";
 constexpr size_t kDigits = 8;
@@ -42,9 +43,9 @@ std::string text_of(const Fingerprint& fingerprint) {
   return text;
 }
 
-std::string format_text(const KelKey& key) {
-  const Fingerprint id = fingerprint_of({key.Bytes(), KelKey::kLength});
-  return kVersionLine + ("key " + text_of(id).substr(0, 16)) + "\n";
+/// Tells one key from another, and nothing about it.
+std::string id_of(const KelKey& key) {
+  return text_of(fingerprint_of({key.Bytes(), KelKey::kLength})).substr(0, 16);
 }
 
 /// The whole of a small file; false with errno when it cannot be read.
@@ -125,9 +126,18 @@ bool Repository::find_snapshot(const std::string& wanted, NumberedFile& file) co
   return false;
 }
 
-bool Repository::open() { return read_format(); }
+std::string Repository::settings_path() const { return path_ + "/" + kSettings; }
 
-bool Repository::open_for_store() {
+bool Repository::open() {
+  std::string key_id;
+  if (!read_settings(settings_path(), settings_, key_id) || !read_key()) return false;
+  if (key_id == id_of(key_)) return true;
+  ErrorA(EINVAL, "%s/key and %s do not belong together; bring back the right key", path_.c_str(),
+         settings_path().c_str());
+  return false;
+}
+
+bool Repository::open_for_store(const Settings& wanted) {
   if (::mkdir(path_.c_str(), 0700) == 0) {
     dirfsync((path_ + "/..").c_str(), true);
   } else if (errno != EEXIST) {
@@ -136,13 +146,14 @@ bool Repository::open_for_store() {
   }
   bool blank = false;
   if (!is_blank(blank)) return false;
-  if (!blank && ::access((path_ + "/format").c_str(), F_OK) != 0) {
+  if (!blank && ::access(settings_path().c_str(), F_OK) != 0) {
     ErrorA(errno, "%s holds other things than a repository; name a new or empty folder",
            path_.c_str());
     return false;
   }
-  if (!lock() || !make()) return false;
-  return read_format() && clean_temporaries();
+  if (!lock() || !make(wanted) || !open() || !clean_temporaries()) return false;
+  compare_settings(wanted);
+  return true;
 }
 
 /// Whether a repository could be made here, possibly for the second time after an interruption:
@@ -174,9 +185,9 @@ bool Repository::lock() {
   return false;
 }
 
-/// Makes what is missing; the format file comes last and says that all the rest is there.
-bool Repository::make() {
-  if (::access((path_ + "/format").c_str(), F_OK) == 0) return true;
+/// Makes what is missing; the settings come last and say that all the rest is there.
+bool Repository::make(const Settings& wanted) {
+  if (::access(settings_path().c_str(), F_OK) == 0) return true;
   for (const char* folder : kFolders) {
     const std::string path = path_ + "/" + folder;
     if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
@@ -187,11 +198,11 @@ bool Repository::make() {
   std::vector<NumberedFile> files;
   if (!list_containers(files) || !list_snapshots(files)) return false;
   if (!files.empty()) {
-    ErrorA(ENOENT, "%s/format is missing from a repository that is in use; bring it back",
-           path_.c_str());
+    ErrorA(ENOENT, "%s is missing from a repository that is in use; bring it back",
+           settings_path().c_str());
     return false;
   }
-  return make_key() && write_format();
+  return make_key() && write_settings_file(wanted);
 }
 
 bool Repository::write_small_file(const std::string& name, const std::string& text) {
@@ -237,24 +248,23 @@ bool Repository::read_key() {
   return true;
 }
 
-bool Repository::write_format() { return write_small_file("format", format_text(key_)); }
+/// As write_small_file(); what an interrupted save left is in the folder that is cleaned.
+bool Repository::write_settings_file(const Settings& wanted) {
+  const std::string temporary = temporaries() + "/" + kSettings;
+  return write_settings(temporary, wanted, id_of(key_)) &&
+         rename_dirfsync(temporary.c_str(), settings_path().c_str(), path_.c_str(), false) == 0;
+}
 
-bool Repository::read_format() {
-  const std::string path = path_ + "/format";
-  std::string text;
-  if (!read_small_file(path, text)) {
-    ErrorA(errno, "%s is no repository: %s: %s", path_.c_str(), path.c_str(), std::strerror(errno));
-    return false;
-  }
-  if (text.rfind(kVersionLine, 0) != 0) {
-    ErrorA(EINVAL, "%s is of another version; this program reads version 1", path.c_str());
-    return false;
-  }
-  if (!read_key()) return false;
-  if (text == format_text(key_)) return true;
-  ErrorA(EINVAL, "%s/key and %s/format do not belong together; bring back the right key",
-         path_.c_str(), path_.c_str());
-  return false;
+void Repository::compare_settings(const Settings& wanted) const {
+  const Settings usual;
+  const auto differs = [&](auto Settings::*setting) {
+    return wanted.*setting != settings_.*setting && wanted.*setting != usual.*setting;
+  };
+  if (!differs(&Settings::chunk_size) && !differs(&Settings::compression)) return;
+  char size[KEL_SIZE_TEXT];
+  WarningA(-1, "%s keeps the chunk size %s and the compression %s that it was made with",
+           path_.c_str(), sizetostr(size, sizeof size, settings_.chunk_size),
+           compression_name(settings_.compression));
 }
 
 bool Repository::clean_temporaries() {

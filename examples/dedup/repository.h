@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "descriptor.h"
+#include "settings.h"
 
 namespace dedup {
 
@@ -23,8 +24,9 @@ class Repository {
   /// Opens an existing repository for reading. Needs no lock: files appear whole and stay.
   bool open();
   /// Opens or makes the repository for the one process that may store, and removes what an
-  /// interrupted one left behind.
-  bool open_for_store();
+  /// interrupted one left behind. `wanted` is for one that is made; one that is there keeps what it
+  /// has, which is said when something else than the usual was wanted.
+  bool open_for_store(const Settings& wanted);
 
   /// In the order of their numbers; what is not named like one is ignored.
   bool list_containers(std::vector<NumberedFile>& files) const;
@@ -38,24 +40,27 @@ class Repository {
   std::string temporaries() const { return path_ + "/tmp"; }
   const std::string& path() const { return path_; }
   const KelKey& key() const { return key_; }
+  const Settings& settings() const { return settings_; }
 
   static std::string container_name(uint32_t number);
   static std::string snapshot_name(uint32_t number);
 
  private:
-  bool make();
+  bool make(const Settings& wanted);
   bool lock();
   bool read_key();
   bool make_key();
-  bool read_format();
-  bool write_format();
+  bool write_settings_file(const Settings& wanted);
+  void compare_settings(const Settings& wanted) const;
   bool clean_temporaries();
   bool is_blank(bool& blank) const;
   bool write_small_file(const std::string& name, const std::string& text);
+  std::string settings_path() const;
 
   std::string path_;
   Descriptor lock_;
   KelKey key_;
+  Settings settings_;
 };
 
 }  // namespace dedup

@@ -41,7 +41,8 @@ bool is_zero(Bytes data) {
 
 class Restore {
  public:
-  Restore(ChunkReader& chunks, std::string target) : chunks_(chunks), target_(std::move(target)) {}
+  Restore(ChunkReader& chunks, std::string target, bool quiet)
+      : chunks_(chunks), target_(std::move(target)), progress_("restoring", quiet) {}
 
   /// Restores everything that can be; false when the catalogue is damaged.
   bool run(CatalogueReader& catalogue);
@@ -68,7 +69,7 @@ class Restore {
   std::string target_;
   std::vector<OpenFolder> folders_;  ///< from the target down to the one that is being filled
   const bool may_set_owner_ = ::geteuid() == 0;
-  Progress progress_{"restoring"};
+  Progress progress_;
   uint64_t files_ = 0;
   uint64_t made_folders_ = 0;
   uint64_t bytes_ = 0;
@@ -239,7 +240,8 @@ bool make_target(const std::string& target) {
 
 }  // namespace
 
-int restore(const std::string& path, const std::string& snapshot, const std::string& target) {
+int restore(const std::string& path, const std::string& snapshot, const std::string& target,
+            const Options& options) {
   Repository repository(path);
   NumberedFile file;
   // The snapshot before the index: what it needs is then there.
@@ -248,7 +250,7 @@ int restore(const std::string& path, const std::string& snapshot, const std::str
   ChunkReader chunks(repository);
   if (!chunks.load()) return 1;
   CatalogueReader catalogue(repository.key(), file.path);
-  Restore restoring(chunks, target);
+  Restore restoring(chunks, target, options.quiet);
   const bool whole = catalogue.open() && restoring.run(catalogue);
   if (!whole)
     ErrorA(EIO, "snapshot %s %s; what came behind the damage is not restored", file.path.c_str(),

@@ -29,6 +29,19 @@ constexpr uint64_t kFrameSize = 16 + sizeof(Fingerprint);
 constexpr unsigned char kCipher = 3;  // AES-256-CTR
 constexpr int kComplete = 1;          // the result of a finished stream
 
+/// What an archive stream is told about its compression; a reader finds it in the stream.
+unsigned long flags_of(Compression compression) {
+  switch (compression) {
+    case Compression::kZlib:
+      return KEL_CRYPT_ZLIB;
+    case Compression::kNone:
+      return KEL_CRYPT_NO_COMPRESSION;
+    case Compression::kLzo:
+      break;
+  }
+  return 0;
+}
+
 Fingerprint seal_of(const KelKey& key, const std::string& path, uint64_t offset, Bytes stream,
                     uint64_t payload) {
   RecordWriter place;
@@ -73,7 +86,7 @@ bool SegmentWriter::append(Tag tag, Bytes content) {
   // As much as a stream can have, by the library's own measure.
   stream_.resize(payload_.size() + payload_.size() / 16 + 128);
   const long size = dcpEncryptDataToBuffer(key_, kCipher, payload_.data(), payload_.size(),
-                                           stream_.data(), stream_.size(), 0);
+                                           stream_.data(), stream_.size(), flags_of(compression_));
   return size > 0 && write_frame(Bytes(stream_).first(static_cast<size_t>(size)), payload_.size());
 }
 

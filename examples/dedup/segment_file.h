@@ -1,6 +1,6 @@
-// Files of the repository: a mark, then segments, each an archive stream (LZO, AES-256-CTR) behind
-// its sizes and a seal, then an end. A file is written under a temporary name and appears whole or
-// not at all.
+// Files of the repository: a mark, then segments, each an archive stream (AES-256-CTR, compressed
+// as the repository is) behind its sizes and a seal, then an end. A file is written under a
+// temporary name and appears whole or not at all.
 #pragma once
 
 #include <kel/cipher.h>
@@ -11,6 +11,7 @@
 
 #include "descriptor.h"
 #include "fingerprint.h"
+#include "settings.h"
 
 namespace dedup {
 
@@ -28,7 +29,8 @@ inline constexpr uint64_t kLargestPayload = uint64_t{16} << 20;
 
 class SegmentWriter {
  public:
-  explicit SegmentWriter(const KelKey& key) : key_(key) {}
+  SegmentWriter(const KelKey& key, Compression compression)
+      : key_(key), compression_(compression) {}
   ~SegmentWriter();
   SegmentWriter(const SegmentWriter&) = delete;
   SegmentWriter& operator=(const SegmentWriter&) = delete;
@@ -46,6 +48,7 @@ class SegmentWriter {
   bool write_frame(Bytes stream, uint64_t payload);
 
   const KelKey& key_;
+  Compression compression_;
   Descriptor file_;
   std::string path_;
   uint64_t size_ = 0;

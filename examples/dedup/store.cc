@@ -34,12 +34,14 @@ bool is_unchanged(const struct stat& before, const struct stat& after, uint64_t 
 
 class Store final : public WalkVisitor {
  public:
-  Store(const Repository& repository, Index& index, uint32_t next_container)
+  Store(const Repository& repository, Index& index, uint32_t next_container, bool quiet)
       : repository_(repository),
         index_(index),
         containers_(repository, next_container),
-        catalogue_(repository.key()),
-        buffer_(kReadSize + kLargestChunk) {}
+        catalogue_(repository.key(), repository.settings().compression),
+        chunker_(repository.settings().chunk_size),
+        progress_("storing", quiet),
+        buffer_(kReadSize + chunker_.largest()) {}
 
   /// Stores the folder `source` as snapshot `number`; false when there is none, after a report.
   bool run(const std::string& source, uint32_t number);
@@ -67,7 +69,8 @@ class Store final : public WalkVisitor {
   ContainerWriter containers_;
   CatalogueWriter catalogue_;
   Summary summary_;
-  Progress progress_{"storing"};
+  Chunker chunker_;
+  Progress progress_;
   std::vector<unsigned char> buffer_;
 };
 
@@ -151,8 +154,8 @@ bool Store::store_data(int file, uint64_t& size, int& error) {
     const bool at_end = static_cast<size_t>(count) < kReadSize;
     size_t done = 0;
     // A cut needs a whole chunk's worth to look at, except at the end of the file.
-    while (held - done >= (at_end ? 1 : kLargestChunk)) {
-      const size_t length = first_chunk(buffer_.data() + done, held - done);
+    while (held - done >= (at_end ? 1 : chunker_.largest())) {
+      const size_t length = chunker_.first_chunk(buffer_.data() + done, held - done);
       if (!store_chunk({buffer_.data() + done, length})) return false;
       done += length;
     }
@@ -208,7 +211,7 @@ std::string resolve_folder(const std::string& name) {
 
 }  // namespace
 
-int store(const std::string& path, const std::string& source) {
+int store(const std::string& path, const std::string& source, const Options& options) {
   const std::string folder = resolve_folder(source);
   if (folder.empty()) return 1;
   Repository repository(path);
@@ -216,12 +219,12 @@ int store(const std::string& path, const std::string& source) {
   std::vector<NumberedFile> snapshots;
   Index index;
   size_t damaged = 0;
-  if (!repository.open_for_store() || !repository.list_containers(containers) ||
+  if (!repository.open_for_store(options.settings) || !repository.list_containers(containers) ||
       !repository.list_snapshots(snapshots) || !load_index(repository, containers, index, damaged))
     return 1;
   const uint32_t next_container = containers.empty() ? 1 : containers.back().number + 1;
   const uint32_t number = snapshots.empty() ? 1 : snapshots.back().number + 1;
-  Store storing(repository, index, next_container);
+  Store storing(repository, index, next_container, options.quiet);
   if (!storing.run(folder, number)) return 1;
   storing.print_summary(number);
   return storing.summary().problems == 0 && damaged == 0 ? 0 : 1;

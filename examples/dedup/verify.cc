@@ -16,7 +16,8 @@ namespace {
 
 class Verify {
  public:
-  explicit Verify(const Repository& repository) : repository_(repository) {}
+  Verify(const Repository& repository, bool quiet)
+      : repository_(repository), progress_("verifying", quiet) {}
 
   /// Checks a container; one that is not good is reported.
   void check_container(const NumberedFile& file);
@@ -34,7 +35,7 @@ class Verify {
   Index good_;
   std::vector<StoredChunk> table_;
   std::vector<unsigned char> data_;
-  Progress progress_{"verifying"};
+  Progress progress_;
   uint64_t bytes_ = 0;
   size_t damaged_ = 0;
   size_t broken_files_ = 0;
@@ -114,7 +115,7 @@ int Verify::finish(size_t containers, size_t snapshots) {
 
 }  // namespace
 
-int verify(const std::string& path) {
+int verify(const std::string& path, const Options& options) {
   Repository repository(path);
   std::vector<NumberedFile> snapshots;
   std::vector<NumberedFile> containers;
@@ -122,7 +123,7 @@ int verify(const std::string& path) {
   if (!repository.open() || !repository.list_snapshots(snapshots) ||
       !repository.list_containers(containers))
     return 1;
-  Verify verifying(repository);
+  Verify verifying(repository, options.quiet);
   for (const NumberedFile& file : containers) verifying.check_container(file);
   for (const NumberedFile& file : snapshots) verifying.check_snapshot(file);
   return verifying.finish(containers.size(), snapshots.size());

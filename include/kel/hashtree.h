@@ -5,8 +5,9 @@
  * A table of 2^bits buckets, chosen by the caller's hash of a record; each bucket is an AVL tree in
  * the order of the caller's comparison. Records are copied in and out by value and lie in nodes
  * from a slab preallocator (kel/preallocator.h): millions of records cost one table and a few large
- * slabs, and no malloc each. Walks go through the buckets by index and through each bucket in the
- * order of comparison; with a bucket count of 1 that is a sorted walk.
+ * slabs, and no malloc each. Slabs of 2 MiB and more lie in large pages where the system has them:
+ * fewer faults while the tree grows. Walks go through the buckets by index and through each bucket
+ * in the order of comparison; with a bucket count of 1 that is a sorted walk.
  *
  * The family has three layers: trees (`KelHashTree...`), the AVL tree of one bucket for callers
  * that keep roots of their own (`KelHashTreeNode...`), and paths and iterators, which make a step
@@ -56,6 +57,10 @@ KEL_BEGIN_DECLS
  * Orders two records: negative, 0 or positive as `a` comes before, equals or comes after `b`. -2 is
  * reserved for a comparison that failed (the function sets `errno`): it ends the operation without
  * a change to the tree. So results of memcmp() and the like must be reduced to their sign.
+ *
+ * Both functions see records in nodes or, for the hash, the caller's; they must not call functions
+ * of the tree. They are most of what a search costs where memory answers quickly: compare what
+ * differs first, in words rather than bytes.
  */
 typedef int32_t (*KelHashTreeCompareFn)(void* context, const void* a, const void* b);
 /** Spreads records over buckets, by the low bits of the result; equal records have equal hashes. */

@@ -4,8 +4,9 @@
  *
  * Taking and giving back a block is a constant-time list operation without a system call; one slab
  * is mapped when the free list runs dry. Blocks carry no header. The most recently freed block is
- * handed out first. Allocated blocks can be walked, moved together so that whole slabs return to
- * the system, and checked against the bookkeeping.
+ * handed out first. Slabs of 2 MiB and more ask the system for large pages. Allocated blocks can be
+ * walked, moved together so that whole slabs return to the system, and checked against the
+ * bookkeeping.
  *
  * A free block is known by its first word, which holds the preallocator's marker. So the owner of a
  * live block must never store the marker in its first 8 bytes: walks, checks and reclaiming would

@@ -53,14 +53,16 @@ struct Descent {
 enum class Found { kEqual, kPlace, kError };
 
 Found descend(Descent& way, KelHashTreeNode* new_node, KelHashTreeCompareFn compare, void* context,
-              KelHashTreePath* path, const char* function) {
+              KelHashTreePath* path) {
+  constexpr const char* kFunction = "KelHashTreeNodeProbe";
   uint64_t depth = 0;
   unsigned num_turns = 0;
   while (KelHashTreeNode* node = *way.at) {
     const int32_t order = compare(context, record_of(node), record_of(new_node));
-    if (order == -2)
-      return fail(Found::kError, errno, "%s: bad comparission value: %s", function,
-                  std::strerror(errno));
+    if (order == -2) [[unlikely]] {
+      report_bad_comparison(kFunction, "bad comparission value");
+      return Found::kError;
+    }
     if (!push(path, node)) return Found::kError;
     if (order == 0) return Found::kEqual;
     if (node->balance != 0) {
@@ -69,7 +71,7 @@ Found descend(Descent& way, KelHashTreeNode* new_node, KelHashTreeCompareFn comp
       way.turns = num_turns = 0;
     }
     if (num_turns == kMaxLevels)
-      return fail(Found::kError, EINVAL, "%s: encountered invalid state", function);
+      return fail(Found::kError, EINVAL, "%s: encountered invalid state", kFunction);
     const Side side = order < 0 ? kAfter : kBefore;
     way.turns |= uint64_t{side} << num_turns++;
     way.at = &node->link[side];
@@ -186,15 +188,12 @@ void balance_removal(Link* lower, LinkStack& above) noexcept {
 
 }  // namespace
 
-KelHashTreeNode** KelHashTreeNodeProbe(KelHashTreeNode** link, KelHashTreeNode* new_node,
-                                       KelHashTreeCompareFn compare, void* context,
-                                       uint32_t* inserted, KelHashTreePath* path) {
-  if (link == nullptr || new_node == nullptr || compare == nullptr)
-    return fail<KelHashTreeNode**>(nullptr, EINVAL, "%s: invalid NULL parameter", __func__);
-  if (inserted != nullptr) *inserted = 0;
+KelHashTreeNode** kel::internal::probe(KelHashTreeNode** link, KelHashTreeNode* new_node,
+                                       KelHashTreeCompareFn compare, void* context, bool* inserted,
+                                       KelHashTreePath* path) {
   empty_path(path);
   Descent way = {.at = link, .pivot = link, .pivot_depth = 0, .turns = 0};
-  switch (descend(way, new_node, compare, context, path, __func__)) {
+  switch (descend(way, new_node, compare, context, path)) {
     case Found::kEqual:
       return way.at;
     case Found::kError:
@@ -206,8 +205,20 @@ KelHashTreeNode** KelHashTreeNodeProbe(KelHashTreeNode** link, KelHashTreeNode* 
   new_node->link[kBefore] = new_node->link[kAfter] = nullptr;
   new_node->balance = 0;
   *way.at = new_node;
-  if (inserted != nullptr) *inserted = 1;
+  *inserted = true;
   return balance_insertion(way, new_node, path);
+}
+
+KelHashTreeNode** KelHashTreeNodeProbe(KelHashTreeNode** link, KelHashTreeNode* new_node,
+                                       KelHashTreeCompareFn compare, void* context,
+                                       uint32_t* inserted, KelHashTreePath* path) {
+  if (link == nullptr || new_node == nullptr || compare == nullptr)
+    return fail<KelHashTreeNode**>(nullptr, EINVAL, "%s: invalid NULL parameter", __func__);
+  bool is_new = false;
+  if (inserted != nullptr) *inserted = 0;
+  KelHashTreeNode** at = probe(link, new_node, compare, context, &is_new, path);
+  if (inserted != nullptr) *inserted = is_new;
+  return at;
 }
 
 KelHashTreeNode* KelHashTreeNodeFindOrInsert(KelHashTreeNode** link, KelHashTreeNode* new_node,
@@ -248,9 +259,10 @@ KelHashTreeNode* KelHashTreeNodeRemove(KelHashTreeNode** link, const KelHashTree
     if (node == nullptr) return fail_quietly<KelHashTreeNode*>(nullptr, ENOENT);
     const int32_t order = compare(context, record_of(key_node), record_of(node));
     if (order == 0) break;
-    if (order == -2)
-      return fail<KelHashTreeNode*>(nullptr, errno, "%s: bad comparison result: %s", __func__,
-                                    std::strerror(errno));
+    if (order == -2) [[unlikely]] {
+      report_bad_comparison(__func__, "bad comparison result");
+      return nullptr;
+    }
     if (!above.push(at))
       return fail<KelHashTreeNode*>(nullptr, EINVAL, "%s: encountered invalid state", __func__);
     at = &node->link[order > 0 ? kAfter : kBefore];

@@ -4,6 +4,7 @@
 
 #include <kel/hashtree.h>
 
+#include <cerrno>
 #include <cstddef>
 
 namespace kel::internal {
@@ -38,6 +39,38 @@ inline bool push(KelHashTreePath* path, KelHashTreeNode* node) noexcept {
   path->entries[path->depth++] = node;
   return true;
 }
+
+/// Reports a comparison that failed, with errno as it left it.
+[[gnu::cold]] void report_bad_comparison(const char* function, const char* text);
+
+/// The node equal to `record` below `root`, where `path` then ends; else null with errno, and an
+/// empty path. Stands here to be part of the tree's own search: the fewer instructions a search
+/// takes, the more of the next one the processor does while this one waits for memory.
+[[gnu::always_inline]] inline KelHashTreeNode* search(KelHashTreeNode* root, const void* record,
+                                                      KelHashTreeCompareFn compare, void* context,
+                                                      KelHashTreePath* path) {
+  empty_path(path);
+  while (root != nullptr) {
+    const int32_t order = compare(context, record, record_of(root));
+    const bool failed = order == -2;
+    if (failed) [[unlikely]]
+      report_bad_comparison("KelHashTreeNodeFind", "bad comparison result");
+    if (failed || !push(path, root)) [[unlikely]] {
+      empty_path(path);
+      return nullptr;
+    }
+    if (order == 0) return root;
+    root = root->link[order > 0 ? kAfter : kBefore];
+  }
+  empty_path(path);
+  errno = ENOENT;
+  return nullptr;
+}
+
+/// Finds the node equal to `new_node` or inserts that one, as KelHashTreeNodeProbe().
+KelHashTreeNode** probe(KelHashTreeNode** link, KelHashTreeNode* new_node,
+                        KelHashTreeCompareFn compare, void* context, bool* inserted,
+                        KelHashTreePath* path);
 
 /// The outermost node of a tree on `side`, appended to `path` with the nodes before it; null with
 /// errno when the tree is empty or the path full.

@@ -6,6 +6,10 @@
 
 namespace kel::internal {
 
+void report_bad_comparison(const char* function, const char* text) {
+  report_error(errno, "%s: %s: %s", function, text, std::strerror(errno));
+}
+
 KelHashTreeNode* outermost(KelHashTreeNode* root, Side side, KelHashTreePath* path) noexcept {
   empty_path(path);
   if (root == nullptr) return fail_quietly<KelHashTreeNode*>(nullptr, ENOENT);
@@ -67,9 +71,9 @@ KelHashTreeNode* search_neighbour(KelHashTreeNode* root, const KelHashTreeNode* 
   while (root != nullptr) {
     const int32_t order = compare(context, record_of(key_node), record_of(root));
     if (order == -2) {
+      report_bad_comparison(names.function, names.bad_comparison);
       empty_path(path);
-      return fail<KelHashTreeNode*>(nullptr, errno, "%s: %s: %s", names.function,
-                                    names.bad_comparison, std::strerror(errno));
+      return nullptr;
     }
     if (!push(path, root)) {
       empty_path(path);
@@ -121,24 +125,7 @@ KelHashTreeNode* KelHashTreeNodeFind(KelHashTreeNode* root, const KelHashTreeNod
                                      KelHashTreePath* path) {
   if (key_node == nullptr || compare == nullptr)
     return fail<KelHashTreeNode*>(nullptr, EINVAL, kNull, __func__);
-  empty_path(path);
-  int error = ENOENT;
-  while (root != nullptr) {
-    const int32_t order = compare(context, record_of(key_node), record_of(root));
-    if (order == -2) {
-      error = errno;
-      report_error(error, "%s: bad comparison result: %s", __func__, std::strerror(error));
-      break;
-    }
-    if (!push(path, root)) {
-      error = errno;
-      break;
-    }
-    if (order == 0) return root;
-    root = root->link[order > 0 ? kAfter : kBefore];
-  }
-  empty_path(path);
-  return fail_quietly<KelHashTreeNode*>(nullptr, error);
+  return search(root, record_of(key_node), compare, context, path);
 }
 
 KelHashTreeNode* KelHashTreeNodeFirst(KelHashTreeNode* root, KelHashTreePath* path) {

@@ -24,48 +24,48 @@ uint64_t node_size(uint64_t record_size) noexcept {
   return (record_size + kNodeDataOffset + kAlignment - 1) / kAlignment * kAlignment;
 }
 
+constexpr uint64_t kBucketSize = sizeof(KelHashTreeNode*);
+
 uint64_t num_buckets(const KelHashTree* tree) noexcept { return uint64_t{1} << tree->bits; }
 
 KelHashTreeNode** allocate_buckets(uint32_t bits) noexcept {
-  return static_cast<KelHashTreeNode**>(std::calloc(size_t{1} << bits, sizeof(KelHashTreeNode*)));
+  return static_cast<KelHashTreeNode**>(std::calloc(size_t{1} << bits, kBucketSize));
 }
 
 KelHashTreeNode** bucket_of(const KelHashTree* tree, const void* record) {
-  KelHashTreeNode** bucket =
-      tree->buckets + (tree->hash(tree->context, record) & (num_buckets(tree) - 1));
-  __builtin_prefetch(bucket);  // while the record is copied
-  return bucket;
+  return tree->buckets + (tree->hash(tree->context, record) & (num_buckets(tree) - 1));
 }
 
-void copy_out(const KelHashTree* tree, const KelHashTreeNode* node, void* out) noexcept {
-  if (out != nullptr) std::memcpy(out, record_of(node), tree->node_data_size);
+/// Copies a record; in line, without a loop, for the sizes of a fingerprint and what goes with it.
+[[gnu::always_inline]] inline void copy_record(void* to, const void* from, uint64_t size) noexcept {
+  if (size < 32 || size > 64) {
+    std::memcpy(to, from, size);
+    return;
+  }
+  auto* out = static_cast<char*>(to);
+  const auto* in = static_cast<const char*>(from);
+  std::memcpy(out, in, 32);
+  std::memcpy(out + size - 32, in + size - 32, 32);
 }
 
-/// A node with a copy of the caller's record, so that the caller's functions see nodes' records
-/// only. Goes back to the store first thing next unless the tree keeps it.
-class ScratchNode {
- public:
-  ScratchNode(KelHashTree* tree, const void* record, const char* function)
-      : store_(tree->preallocator), node_(static_cast<KelHashTreeNode*>(take_block(store_))) {
-    if (node_ == nullptr) [[unlikely]]
-      report_error(errno, "%s: unable to create new node: %s", function, std::strerror(errno));
-    else
-      std::memcpy(record_of(node_), record, tree->node_data_size);
-  }
-  ~ScratchNode() {
-    if (node_ != nullptr) give_block(store_, node_);
-  }
-  ScratchNode(const ScratchNode&) = delete;
-  ScratchNode& operator=(const ScratchNode&) = delete;
+[[gnu::always_inline]] inline void copy_out(const KelHashTree* tree, const KelHashTreeNode* node,
+                                            void* out) noexcept {
+  if (out != nullptr) copy_record(out, record_of(node), tree->node_data_size);
+}
 
-  explicit operator bool() const noexcept { return node_ != nullptr; }
-  KelHashTreeNode* get() const noexcept { return node_; }
-  void release() noexcept { node_ = nullptr; }
-
- private:
-  preallocator_t* store_;
-  KelHashTreeNode* node_;
-};
+/// The store's next free node, with a copy of the caller's record, so that the caller's functions
+/// see nodes' records only; null after a report. It stays on the free list, whose words lie before
+/// the record: there is nothing to give back, and only insert() may write to the node's head.
+[[gnu::always_inline]] inline KelHashTreeNode* scratch_node(KelHashTree* tree, const void* record,
+                                                            const char* function) {
+  preallocator_t* store = tree->preallocator;
+  if (store->free_blocks == nullptr && add_slab(store) != 0) [[unlikely]]
+    return fail<KelHashTreeNode*>(nullptr, errno, "%s: unable to create new node: %s", function,
+                                  std::strerror(errno));
+  auto* node = reinterpret_cast<KelHashTreeNode*>(store->free_blocks);
+  copy_record(record_of(node), record, tree->node_data_size);
+  return node;
+}
 
 /// The result of a search that found nothing: 0, or -1 after a report when it failed.
 int absent(const char* function) {
@@ -73,15 +73,15 @@ int absent(const char* function) {
   return fail(-1, errno, "%s: error occurred: %s", function, std::strerror(errno));
 }
 
-int find(KelHashTree* tree, const void* key, void* out, KelHashTreePath* path,
-         const char* function) {
+[[gnu::always_inline]] inline int find(KelHashTree* tree, const void* key, void* out,
+                                       KelHashTreePath* path, const char* function) {
   if (tree == nullptr || key == nullptr) return fail(-1, EINVAL, kNull, function);
   empty_path(path);
   KelHashTreeNode** bucket = bucket_of(tree, key);
-  const ScratchNode scratch(tree, key, function);
-  if (!scratch) return -1;
+  KelHashTreeNode* scratch = scratch_node(tree, key, function);
+  if (scratch == nullptr) return -1;
   const KelHashTreeNode* node =
-      KelHashTreeNodeFind(*bucket, scratch.get(), tree->compare, tree->context, path);
+      search(*bucket, record_of(scratch), tree->compare, tree->context, path);
   if (node == nullptr) return absent(function);
   copy_out(tree, node, out);
   return 1;
@@ -89,21 +89,29 @@ int find(KelHashTree* tree, const void* key, void* out, KelHashTreePath* path,
 
 /// Where the record of an insertion is afterwards.
 struct Insertion {
-  KelHashTreeNode* node;  // null after an error, which has been reported for the node level
+  KelHashTreeNode* node;  // null after an error
   bool inserted;
 };
 
 /// Finds or inserts the record in `scratch`, which the tree keeps when it was inserted.
-Insertion insert(KelHashTree* tree, KelHashTreeNode** bucket, ScratchNode& scratch,
+Insertion insert(KelHashTree* tree, KelHashTreeNode** bucket, KelHashTreeNode* scratch,
                  KelHashTreePath* path) {
-  uint32_t inserted = 0;
-  KelHashTreeNode* node = KelHashTreeNodeFindOrInsert(bucket, scratch.get(), tree->compare,
-                                                      tree->context, &inserted, path);
-  if (inserted != 0) {
-    scratch.release();
+  preallocator_t* store = tree->preallocator;
+  preallocator_block* rest = store->free_blocks->next;
+  bool inserted = false;
+  const Link* at = probe(bucket, scratch, tree->compare, tree->context, &inserted, path);
+  if (at == nullptr) {
+    report_error(errno, "KelHashTreeNodeFindOrInsert: unable to probe tree path: %s",
+                 std::strerror(errno));
+    return {nullptr, false};
+  }
+  if (inserted) {
+    store->free_blocks = rest;
+    if (rest != nullptr) rest->prev = nullptr;
+    --store->num_free_blocks;
     ++tree->generation;
   }
-  return {node, inserted != 0};
+  return {*at, inserted};
 }
 
 /// Goes to the outermost record of the first bucket that has one, from `index` on towards the end
@@ -138,10 +146,10 @@ KelHashTreeNode* step_in_bucket(KelHashTree* tree, const void* key, KelHashTreeP
     if (step == Step::kError) return nullptr;
   }
   KelHashTreeNode** bucket = bucket_of(tree, key);
-  const ScratchNode scratch(tree, key, function);
-  if (!scratch) return nullptr;
+  const KelHashTreeNode* scratch = scratch_node(tree, key, function);
+  if (scratch == nullptr) return nullptr;
   const auto neighbour = direction == kAfter ? KelHashTreeNodeNext : KelHashTreeNodePrev;
-  return neighbour(*bucket, scratch.get(), tree->compare, tree->context, path);
+  return neighbour(*bucket, scratch, tree->compare, tree->context, path);
 }
 
 int step(KelHashTree* tree, const void* key, void* out, KelHashTreePath* path, Side direction,
@@ -222,7 +230,7 @@ void KelHashTreeDelete(KelHashTree** tree) {
 int KelHashTreeEmpty(KelHashTree* tree) {
   if (tree == nullptr) return fail(-1, EINVAL, kNull, __func__);
   tree->num_deletes += preallocator_get_num_allocated_blocks(tree->preallocator);
-  std::memset(tree->buckets, 0, num_buckets(tree) * sizeof *tree->buckets);
+  std::memset(tree->buckets, 0, num_buckets(tree) * kBucketSize);
   preallocator_reinit(tree->preallocator);
   return 0;
 }
@@ -253,8 +261,8 @@ int KelHashTreeSetBits(KelHashTree* tree, uint32_t bits) {
 int KelHashTreeFindOrInsert(KelHashTree* tree, const void* record, void* out) {
   if (tree == nullptr || record == nullptr) return fail(-1, EINVAL, kNull, __func__);
   KelHashTreeNode** bucket = bucket_of(tree, record);
-  ScratchNode scratch(tree, record, __func__);
-  if (!scratch) return -1;
+  KelHashTreeNode* scratch = scratch_node(tree, record, __func__);
+  if (scratch == nullptr) return -1;
   const auto [node, inserted] = insert(tree, bucket, scratch, nullptr);
   if (node == nullptr)
     return fail(-1, errno, "%s: unable to find or insert: %s", __func__, std::strerror(errno));
@@ -267,8 +275,8 @@ int KelHashTreeFindOrInsertNode(KelHashTree* tree, const void* record, void* out
   if (tree == nullptr || record == nullptr) return fail(-1, EINVAL, kNull, __func__);
   empty_path(path);
   KelHashTreeNode** bucket = bucket_of(tree, record);
-  ScratchNode scratch(tree, record, __func__);
-  if (!scratch) return -1;
+  KelHashTreeNode* scratch = scratch_node(tree, record, __func__);
+  if (scratch == nullptr) return -1;
   const auto [node, inserted] = insert(tree, bucket, scratch, path);
   if (node == nullptr)
     return fail(-1, errno, "%s: unable to find or insert node: %s", __func__, std::strerror(errno));
@@ -279,14 +287,14 @@ int KelHashTreeFindOrInsertNode(KelHashTree* tree, const void* record, void* out
 int KelHashTreeReplaceOrInsert(KelHashTree* tree, const void* record, void* out) {
   if (tree == nullptr || record == nullptr) return fail(-1, EINVAL, kNull, __func__);
   KelHashTreeNode** bucket = bucket_of(tree, record);
-  ScratchNode scratch(tree, record, __func__);
-  if (!scratch) return -1;
+  KelHashTreeNode* scratch = scratch_node(tree, record, __func__);
+  if (scratch == nullptr) return -1;
   const auto [node, inserted] = insert(tree, bucket, scratch, nullptr);
   if (node == nullptr) return fail(-1, errno, "%s: unable to replace or insert node", __func__);
   if (inserted) return 0;
   // The node stays where it is, so that paths and iterators that know it stay valid.
   copy_out(tree, node, out);
-  std::memcpy(record_of(node), record_of(scratch.get()), tree->node_data_size);
+  std::memcpy(record_of(node), record_of(scratch), tree->node_data_size);
   return 1;
 }
 
@@ -301,10 +309,9 @@ int KelHashTreeFindNode(KelHashTree* tree, const void* key, void* out, KelHashTr
 int KelHashTreeRemove(KelHashTree* tree, const void* key, void* out) {
   if (tree == nullptr || key == nullptr) return fail(-1, EINVAL, kNull, __func__);
   KelHashTreeNode** bucket = bucket_of(tree, key);
-  const ScratchNode scratch(tree, key, __func__);
-  if (!scratch) return -1;
-  KelHashTreeNode* node =
-      KelHashTreeNodeRemove(bucket, scratch.get(), tree->compare, tree->context);
+  const KelHashTreeNode* scratch = scratch_node(tree, key, __func__);
+  if (scratch == nullptr) return -1;
+  KelHashTreeNode* node = KelHashTreeNodeRemove(bucket, scratch, tree->compare, tree->context);
   if (node == nullptr) return absent(__func__);
   ++tree->num_deletes;
   copy_out(tree, node, out);
@@ -362,7 +369,7 @@ uint64_t KelHashTreeGetSlabSize(const KelHashTree* tree) {
 uint64_t KelHashTreeGetMemoryUsage(const KelHashTree* tree) {
   return get(tree, __func__, [](const KelHashTree& t) {
     return preallocator_get_num_slabs(t.preallocator) * t.slab_size +
-           num_buckets(&t) * sizeof *t.buckets + sizeof t;
+           num_buckets(&t) * kBucketSize + sizeof t;
   });
 }
 

@@ -45,14 +45,22 @@ void give_quota(preallocator_t* a) noexcept {
   ++*a->slab_quota;
 }
 
+/// Bytes of the processor's large pages.
+constexpr uint64_t kLargePage = 2 << 20;
+constexpr uint64_t kPage = 4096;
+
 /// Memory for a slab with its header cleared; null with errno ENOMEM.
-preallocator_slab* map_slab(uint64_t size) noexcept {
+preallocator_slab* map_slab(uint64_t size, uint64_t block_size) noexcept {
   uint32_t flags = 0;
   void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (memory == MAP_FAILED) {
     memory = std::malloc(size);
     if (memory == nullptr) return nullptr;
     flags = kSlabFromMalloc;
+  } else if (size >= kLargePage && block_size <= kPage) {
+    // The free list touches every page anyway, so large ones cost no memory and spare faults.
+    const ErrnoGuard keep;
+    madvise(memory, size, MADV_HUGEPAGE);
   }
   std::memset(memory, 0, 16);
   auto* slab = static_cast<preallocator_slab*>(memory);
@@ -91,7 +99,7 @@ T get(const preallocator_t* a, T preallocator_t::*field, const char* function) {
 
 int add_slab(preallocator_t* a) noexcept {
   if (!take_quota(a)) return fail_quietly(-1, ENOSPC);
-  preallocator_slab* slab = map_slab(a->slab_size);
+  preallocator_slab* slab = map_slab(a->slab_size, a->block_size);
   if (slab == nullptr) {
     const int result = fail(-1, errno, "%s: could not allocate memory (%s:%i)",
                             "preallocator_slab_add", __FILE__, __LINE__);
@@ -105,6 +113,10 @@ int add_slab(preallocator_t* a) noexcept {
   ++a->num_slabs;
   free_all_blocks(a, slab);
   return 0;
+}
+
+void* take_block_of_new_slab(preallocator_t* a) noexcept {
+  return add_slab(a) == 0 ? take_free_block(a) : nullptr;
 }
 
 void release_slab(preallocator_t* a, preallocator_slab* slab) noexcept {

@@ -128,7 +128,7 @@ class StreamReader {
   MallocPtr<unsigned char> decoded_;
   unsigned char held_[16];  ///< a part of the stream's frame, as far as it has come
   std::size_t held_size_ = 0;
-  unsigned char work_[32768];
+  unsigned char work_[65536];
 };
 
 }  // namespace kel::internal::stream

@@ -9,6 +9,7 @@
 #include <clocale>
 
 #include "frame/clocks.h"
+#include "frame/stop_hook.h"
 #include "frame/version.h"
 #include "internal/atomic_field.h"
 
@@ -20,6 +21,7 @@ constexpr char kPerformanceMarker[] = "/usr/quorv/tolq/pelk-perf";
 
 bool initialized = false;
 bool performance_marker = false;
+void (*stop_hook)() = nullptr;
 
 void check_interface(const char* version) {
   if (version != nullptr && version[0] == kInterfaceVersion[0]) return;
@@ -43,7 +45,10 @@ int _KelLibInit(const char*, const char* version) {
   return 1;
 }
 
+void kel::internal::set_stop_hook(void (*hook)()) noexcept { store_field(stop_hook, hook); }
+
 int KelLibDestroy(void) {
+  if (const auto hook = load_field(stop_hook)) hook();
   kelLogClose();
   kelLogDestroy();
   initialized = false;

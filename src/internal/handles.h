@@ -1,6 +1,7 @@
 // Owners of what the C library hands out. release() marks the one line where ownership leaves.
 #pragma once
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -11,6 +12,19 @@
 #include "internal/report.h"
 
 namespace kel::internal {
+
+/// Lets no cancellation of the thread happen while it lives: what must not stop half-way, and what
+/// destructors call (nothing may unwind out of those).
+class CancelGuard {
+ public:
+  CancelGuard() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &saved_); }
+  ~CancelGuard() { pthread_setcancelstate(saved_, nullptr); }
+  CancelGuard(const CancelGuard&) = delete;
+  CancelGuard& operator=(const CancelGuard&) = delete;
+
+ private:
+  int saved_ = PTHREAD_CANCEL_ENABLE;
+};
 
 /// Owns a file descriptor; closing keeps errno.
 class UniqueFd {
@@ -25,6 +39,7 @@ class UniqueFd {
   ~UniqueFd() {
     if (fd_ >= 0) {
       const ErrnoGuard keep;
+      const CancelGuard whole;
       ::close(fd_);
     }
   }
@@ -40,6 +55,7 @@ class UniqueFd {
 struct FileCloser {
   void operator()(FILE* stream) const noexcept {
     const ErrnoGuard keep;
+    const CancelGuard whole;
     std::fclose(stream);
   }
 };

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <cwchar>
 
@@ -25,6 +26,11 @@ struct TextTraits<wchar_t> {
     return ::wcsnlen(s, max);
   }
 };
+
+/// A character's code, never negative.
+constexpr std::uint32_t code_of(char c) noexcept { return static_cast<unsigned char>(c); }
+constexpr std::uint32_t code_of(unsigned char c) noexcept { return c; }
+constexpr std::uint32_t code_of(wchar_t c) noexcept { return static_cast<std::uint32_t>(c); }
 
 /// Copies as much of `src` as fits, silently; null counts as empty. For the log's own fields, which
 /// must not be cut through functions that report to the log.

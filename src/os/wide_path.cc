@@ -14,18 +14,21 @@ constexpr std::size_t kFailed = static_cast<std::size_t>(-1);
 constexpr char kConversion[] = "__tomb";  // the name of the inner steps in reports
 constexpr char kGetcwd[] = "wcsgetcwd";
 
-/// As much of `path` as fits in `capacity` bytes; a result of `capacity` means that it was cut.
-std::size_t to_multibyte(char* buf, const wchar_t* path, std::size_t capacity) noexcept {
+/// As many whole characters of `*path` as fit in `capacity` bytes. When that is all, with the
+/// terminator, `*path` becomes null; the length does not tell, since the next character may need
+/// more than the one byte that is left.
+std::size_t to_multibyte(char* buf, const wchar_t** path, std::size_t capacity) noexcept {
   std::mbstate_t state = {};
-  return std::wcsrtombs(buf, &path, capacity, &state);
+  return std::wcsrtombs(buf, path, capacity, &state);
 }
 
 }  // namespace
 
 WidePath::WidePath(const wchar_t* path, const char* function) noexcept {
   if (path == nullptr) return;
-  const std::size_t length = to_multibyte(stack_, path, kStackSize - 1);
-  if (length < kStackSize - 1) {
+  const wchar_t* rest = path;
+  const std::size_t length = to_multibyte(stack_, &rest, kStackSize - 1);
+  if (length != kFailed && rest == nullptr) {
     text_ = stack_;
     return;
   }
@@ -36,7 +39,7 @@ WidePath::WidePath(const wchar_t* path, const char* function) noexcept {
 
 bool WidePath::convert_long(const wchar_t* path, const char* function) noexcept {
   const bool quiet = function == nullptr;
-  const std::size_t length = to_multibyte(nullptr, path, 0);
+  const std::size_t length = to_multibyte(nullptr, &path, 0);
   if (length == kFailed)
     return quiet ? false
                  : fail(false, errno, "%s: could not determine number of bytes to convert",
@@ -44,7 +47,7 @@ bool WidePath::convert_long(const wchar_t* path, const char* function) noexcept 
   heap_.reset(static_cast<char*>(std::malloc(length + 1)));
   if (heap_ == nullptr)
     return quiet ? false : fail(false, ENOMEM, "%s: could not allocate memory", kConversion);
-  to_multibyte(heap_.get(), path, length + 1);
+  to_multibyte(heap_.get(), &path, length + 1);
   text_ = heap_.get();
   return true;
 }

@@ -159,7 +159,7 @@ SurvivesBeingKilled() {
     kill -9 $! 2>/dev/null || true
     wait $! 2>/dev/null || true
     # Before the first store came far there is no repository; afterwards it is always whole.
-    [ ! -e repo/format ] || expect 0 verify repo
+    [ ! -e repo/settings.ini ] || expect 0 verify repo
   done
   expect 0 store repo tree
   [ -z "$(ls repo/tmp)" ] || fail 'something was left in tmp'
@@ -189,7 +189,9 @@ RefusesAWrongKey() {
   [ ! -e out ] && [ ! -e repo/key ] || fail 'something was made without the key'
   cp key repo/key && chmod 600 repo/key && expect 0 verify repo
   chmod 644 repo/key && expect 0 list repo && says 'others may read'
-  rm repo/format && expect 1 store repo tree && says 'format is missing'
+  sed -i 's/^Version=.*/Version=9/' repo/settings.ini
+  expect 1 verify repo && says 'reads version 1' && expect 1 store repo tree
+  rm repo/settings.ini && expect 1 store repo tree && says 'settings.ini is missing'
 }
 
 SharesARepository() {
@@ -229,6 +231,29 @@ ReportsWhatItCannotStore() {
   expect 0 verify repo
 }
 
+TakesOptionsFromFileAndCommandLine() {
+  make_data_tree
+  printf '[Repository]\nChunkSize = 64KiB\nCompression = zlib\n[Log]\nFile = file.log\n' >conf
+  expect 0 -c conf --log-level=long store file-repo tree
+  grep -q 'INFO: kel-dedup store of file-repo: done' file.log || fail 'nothing was logged'
+  local large=$(row new) zlib=$(du -k file-repo/containers | cut -f 1)
+  expect 0 --config=conf --chunk-size=4KiB --compression=none store repo tree
+  local small=$(row new)
+  [ "$small" -gt $((large * 5)) ] && [ "$small" -lt $((large * 32)) ] || fail "$small and $large chunks"
+  [ "$zlib" -lt "$(du -k repo/containers | cut -f 1)" ] || fail 'zlib takes no less than nothing'
+  # A repository keeps its settings, so that its chunks are found again.
+  expect 0 --chunk-size=1MiB store repo tree && says 'keeps the chunk size 4KiB and the compression none'
+  [ "$(row new)" -eq 0 ] || fail 'the chunks were cut in another way'
+  for repo in file-repo repo; do
+    expect 0 verify $repo && expect 0 restore $repo latest $repo.out && expect_same tree $repo.out
+  done
+  for refused in --chunk-size=5000 --chunk-size=2MiB --compression=best --log-level=loud --nothing; do
+    expect 1 $refused store other tree && [ ! -e other ] || fail "$refused was taken"
+  done
+  sed -i 's/^ChunkSize=.*/ChunkSize=5KiB/' repo/settings.ini && expect 1 list repo && says 'BadValue'
+  expect 1 -c conf --help && says '(default: 64KiB (configuration default))'
+}
+
 ShowsProgressOnTerminals() {
   make_data_tree
   "$program" store repo tree 2>log >/dev/null
@@ -238,6 +263,8 @@ ShowsProgressOnTerminals() {
     grep -qE '(storing|verifying|restoring) [0-9]+ files, .*/s' log || fail "no progress of $command"
     grep -qF $'\r\e[K' log || fail "the line of $command stays"
   done
+  script -qec "$program --quiet verify repo" /dev/null </dev/null >log && ! grep -q verifying log ||
+    fail 'not quiet'
 }
 
 "$2"

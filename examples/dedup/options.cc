@@ -1,0 +1,142 @@
+#include "options.h"
+
+#include <kel/logging.h>
+#include <kel/options.h>
+
+#include <cerrno>
+#include <string_view>
+
+namespace dedup {
+namespace {
+
+// Where the parser puts the values; it is done with them, and its strings are freed, at the end of
+// read_options().
+char* config;
+uint32_t chunk_size;
+char* compression;
+char* log_file;
+char* log_level;
+bool quiet;
+
+constexpr char kMaking[] = "Making a repository";
+constexpr char kReports[] = "Reports";
+
+opt_t config_option = {.group = "General",
+                       .short_name = 'c',
+                       .long_name = "config",
+                       .type = OPT_INIFILE,
+                       .metavar = "FILE",
+                       .default_value = nullptr,
+                       .ini_section = nullptr,
+                       .ini_key = nullptr,
+                       .flags = 0,
+                       .value = &config,
+                       .help = "An INI file with values for the options below."};
+opt_t chunk_size_option = {.group = kMaking,
+                           .short_name = 0,
+                           .long_name = "chunk-size",
+                           .type = OPT_SIZE32,
+                           .metavar = nullptr,
+                           .default_value = "16KiB",
+                           .ini_section = "Repository",
+                           .ini_key = "ChunkSize",
+                           .flags = 0,
+                           .value = &chunk_size,
+                           .help =
+                               "The usual size of chunks, a power of two from 1KiB to 1MiB. "
+                               "Smaller ones find more that is the same, larger ones are "
+                               "fewer. A repository keeps the size that it was made with."};
+opt_t compression_option = {.group = kMaking,
+                            .short_name = 0,
+                            .long_name = "compression",
+                            .type = OPT_TEXT,
+                            .metavar = "lzo|zlib|none",
+                            .default_value = "lzo",
+                            .ini_section = "Repository",
+                            .ini_key = "Compression",
+                            .flags = 0,
+                            .value = &compression,
+                            .help = "How chunks are compressed; kept likewise."};
+opt_t log_file_option = {.group = kReports,
+                         .short_name = 0,
+                         .long_name = "log-file",
+                         .type = OPT_PATH,
+                         .metavar = nullptr,
+                         .default_value = nullptr,
+                         .ini_section = "Log",
+                         .ini_key = "File",
+                         .flags = 0,
+                         .value = &log_file,
+                         .help = "Reports go to this file too, with date and time."};
+opt_t log_level_option = {.group = kReports,
+                          .short_name = 0,
+                          .long_name = "log-level",
+                          .type = OPT_TEXT,
+                          .metavar = "LEVEL",
+                          .default_value = "short",
+                          .ini_section = "Log",
+                          .ini_key = "Level",
+                          .flags = 0,
+                          .value = &log_level,
+                          .help =
+                              "What is reported: none, minimal (errors), short (warnings too), "
+                              "long (what was done), verbose or full."};
+opt_t quiet_option = {.group = kReports,
+                      .short_name = 'q',
+                      .long_name = "quiet",
+                      .type = OPT_SET,
+                      .metavar = nullptr,
+                      .default_value = nullptr,
+                      .ini_section = nullptr,
+                      .ini_key = nullptr,
+                      .flags = 0,
+                      .value = &quiet,
+                      .help = "No line of progress on a terminal."};
+opt_t* table[] = {&config_option,   &chunk_size_option, &compression_option,
+                  &log_file_option, &log_level_option,  &quiet_option,
+                  nullptr};
+
+/// The flags word of a level's name; -1 after a report.
+int find_log_flags(std::string_view name) {
+  static constexpr struct {
+    const char* name;
+    int flags;
+  } kLevels[] = {{"none", KEL_LOG_NONE}, {"minimal", KEL_LOG_MINIMAL}, {"short", KEL_LOG_SHORT},
+                 {"long", KEL_LOG_LONG}, {"verbose", KEL_LOG_VERBOSE}, {"full", KEL_LOG_FULL}};
+  for (const auto& [known, flags] : kLevels)
+    if (name == known) return flags;
+  ErrorA(EINVAL, "'%.*s' is no level; there are none, minimal, short, long, verbose and full",
+         static_cast<int>(name.size()), name.data());
+  return -1;
+}
+
+/// Takes over what the parser stored; false after a report.
+bool take_values(Options& options) {
+  if (!is_chunk_size(chunk_size)) {
+    ErrorA(EINVAL, "chunks cannot have %u bytes; name a power of two from 1KiB to 1MiB",
+           chunk_size);
+    return false;
+  }
+  const auto known_compression = find_compression(compression);
+  const int flags = find_log_flags(log_level);
+  if (!known_compression || flags < 0) return false;
+  options = {{chunk_size, *known_compression}, quiet};
+  kelLogSet(log_file, log_file == nullptr ? flags : flags | KEL_LOG_DATE, 0);
+  return true;
+}
+
+}  // namespace
+
+int read_options(int argc, char** argv, Options& options) {
+  int first = opt_parse(table, argc, argv);
+  if (first >= 0 && !take_values(options)) first = -1;
+  opt_free(table);
+  return first;
+}
+
+void print_options(std::FILE* out, const char* program, int argc, char** argv) {
+  opt_fprintf_help(out, program, argc, argv, table, "COMMAND REPO ...");
+  opt_free(table);
+}
+
+}  // namespace dedup

@@ -1,0 +1,22 @@
+// The options of the command line, with a configuration file behind them.
+#pragma once
+
+#include <cstdio>
+
+#include "settings.h"
+
+namespace dedup {
+
+struct Options {
+  Settings settings;  ///< for a repository that is made
+  bool quiet = false;
+};
+
+/// Reads the options in front of the command, and sets up the log as they say. The index of the
+/// first argument behind them, or -1 after a report.
+int read_options(int argc, char** argv, Options& options);
+
+/// Prints a usage line and the options, with the defaults that apply to this command line.
+void print_options(std::FILE* out, const char* program, int argc, char** argv);
+
+}  // namespace dedup

@@ -1,0 +1,266 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <functional>
+#include <random>
+
+#include "config/ini_fixture.h"
+#include "support/import_hook.h"
+
+namespace {
+
+using kel::testing::error;
+using kel::testing::Fault;
+using kel::testing::Hooked;
+using kel::testing::IniFixture;
+using kel::testing::open_descriptors;
+using kel::testing::read_file;
+using kel::testing::write_file;
+using ::testing::AnyOf;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+
+class IniSave : public IniFixture {
+ protected:
+  void SetUp() override {
+    given("x=old\n");
+    ASSERT_EQ(InifileSaveValueA(INIFILE_TOP_SECTION, "x", "new", file), 1);
+  }
+  std::vector<std::string> files() const {
+    std::vector<std::string> found;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path()))
+      found.push_back(entry.path().filename());
+    return found;
+  }
+  static mode_t mode_of(const std::string& name) {
+    struct stat status = {};
+    EXPECT_EQ(::stat(name.c_str(), &status), 0);
+    return status.st_mode & 07777;
+  }
+
+  const std::string backup = path + ".bak";
+};
+
+TEST_F(IniSave, KeepsTheTextBeforeAndSetsTheMode) {
+  write_file(backup, "older");
+  EXPECT_EQ(InifileSaveA(file), 0);
+  EXPECT_EQ(on_disk(), "x=new\n");
+  EXPECT_EQ(read_file(backup), "x=old\n");
+  EXPECT_EQ(mode_of(path), 0640u);
+  EXPECT_THAT(files(), UnorderedElementsAre("svc.conf", "svc.conf.bak"));
+
+  // Saving twice within a second, over a left-over temporary file, disturbs nobody.
+  const std::string left_over = path + "-" + std::to_string(::time(nullptr)) + ".sav";
+  write_file(left_over, "left over");
+  EXPECT_EQ(InifileSaveNewA(file), 0);
+  EXPECT_EQ(InifileSaveA(file), 0);
+  EXPECT_EQ(read_file(left_over), "left over");
+  EXPECT_EQ(read_file(backup), "x=new\n");
+}
+
+TEST_F(IniSave, CreatesWhatWasNotThereAndThenLeavesTheBackupAlone) {
+  std::filesystem::remove(path);
+  write_file(backup, "the only copy");
+  EXPECT_EQ(InifileSaveA(file), 0);
+  EXPECT_EQ(on_disk(), "x=new\n");
+  EXPECT_EQ(read_file(backup), "the only copy");
+}
+
+TEST_F(IniSave, EveryStepThatFailsLeavesTheOldTextAndIsReported) {
+  const size_t open_before = open_descriptors();
+  const auto failed = [](const std::string& what) { return error(EIO, "inifileSave: " + what); };
+  const auto unclosed = error(EIO, "__doSave: failed to close file " + path);
+  const auto save_while = [&](auto&& fault) {
+    EXPECT_EQ(InifileSaveA(file), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_TRUE(fault.happened());
+    return reports.take();
+  };
+  EXPECT_THAT(save_while(Fault<"open", int(const char*, int, mode_t)>(1, -1, EIO)),
+              ElementsAre(failed("failed to open temporary file")));
+  EXPECT_THAT(save_while(Fault<"fdopen", FILE*(int, const char*)>(1, nullptr, EIO)),
+              ElementsAre(failed("failed to open temporary file")));
+  EXPECT_THAT(save_while(Fault<"fflush", int(FILE*)>(1, EOF, EIO)),
+              ElementsAre(unclosed, failed("failed to save temporary file")));
+  EXPECT_THAT(save_while(Fault<"fsync", int(int)>(1, -1, EIO)),
+              ElementsAre(unclosed, failed("failed to save temporary file")));
+  EXPECT_THAT(save_while(Fault<"rename", int(const char*, const char*)>(1, -1, EIO)),
+              ElementsAre(failed("failed to rename file")));
+  EXPECT_EQ(on_disk(), "x=old\n");
+  EXPECT_THAT(files(), ElementsAre("svc.conf"));
+  EXPECT_EQ(open_descriptors(), open_before);
+
+  EXPECT_THAT(save_while(Fault<"chmod", int(const char*, mode_t)>(1, -1, EIO)),
+              ElementsAre(failed("failed to set permissions on " + path)));
+  EXPECT_EQ(on_disk(), "x=new\n");
+}
+
+TEST_F(IniSave, CopiesTheBackupWhereThereAreNoHardLinks) {
+  using Link = Hooked<"link", int(const char*, const char*)>;
+  const Link none([](const char*, const char*) {
+    errno = EPERM;
+    return -1;
+  });
+  given("# " + std::string(100'000, 'c') + "\nx=old\n");
+  const std::string before = on_disk();
+  ASSERT_EQ(InifileSaveNewA(file), 2);  // not loaded
+  ASSERT_EQ(InifileLoadA(file), 0);
+  write_file(backup, "older");
+  EXPECT_EQ(InifileSaveA(file), 0);
+  EXPECT_EQ(read_file(backup), before);
+}
+
+TEST_F(IniSave, RefusesWhatIsNotLoaded) {
+  const std::string other = dir / "other";
+  EXPECT_EQ(InifileSaveA(other.c_str()), 2);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(InifileSaveA(""), 2);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(InifileSaveAsA(other.c_str(), file, 1), 2);
+  EXPECT_EQ(IniFileLoadAndSaveAsA(nullptr, file, 1), -1);
+  EXPECT_THAT(files(), ElementsAre("svc.conf"));
+  EXPECT_THAT(reports.take(),
+              ElementsAre(error(ENOENT, "InifileSaveA: cannot find key"),
+                          error(EINVAL, "InifileSaveA: invalid NULL parameter"),
+                          error(ENOENT, "InifileSaveAsA: cannot find key"),
+                          error(EINVAL, "IniFileLoadAndSaveAsA: invalid NULL parameter")));
+}
+
+TEST_F(IniSave, WritesToAnotherPlace) {
+  const std::string other = dir / "other";
+  EXPECT_EQ(InifileSaveAsA(file, other.c_str(), 0), 0);
+  EXPECT_EQ(read_file(other), "x=new\n");
+  EXPECT_EQ(InifileSaveAsA(file, other.c_str(), 0), -1);
+  EXPECT_EQ(errno, EEXIST);
+  EXPECT_EQ(InifileSaveAsA(file, "/dev/full", 1), -1);
+  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_EQ(InifileSaveAsA(file, (other + "/below").c_str(), 1), -1);
+  EXPECT_THAT(reports.take(),
+              ElementsAre(error(EEXIST, "inifileSaveAs: file already exists"),
+                          error(ENOSPC, "__doSave: failed to close file /dev/full"),
+                          error(ENOTDIR, "inifileSaveAs: cannot open file " + other + "/below")));
+  ::testing::internal::CaptureStdout();
+  EXPECT_EQ(InifileSaveAsA(file, nullptr, 0), 0);
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "x=new\n");
+  EXPECT_EQ(on_disk(), "x=old\n");
+}
+
+TEST_F(IniSave, FlushesWhatWasChangedAndReportsEachFailure) {
+  const std::string unchanged = dir / "unchanged", nowhere = dir / "none/x", made = dir / "made";
+  write_file(unchanged, " x = 1\n");
+  char buf[8];
+  EXPECT_EQ(InifileGetValueA(INIFILE_TOP_SECTION, "y", buf, 8, "1", unchanged.c_str()), -2);
+  EXPECT_EQ(InifileGetValueA("New", "y", buf, 8, "1", nowhere.c_str()), -2);
+  EXPECT_EQ(InifileGetValueA("New", "y", buf, 8, "1", made.c_str()), -2);
+  reports.take();
+  EXPECT_EQ(InifileFlushAll(), 0);
+  EXPECT_EQ(on_disk(), "x=new\n");
+  EXPECT_EQ(read_file(unchanged), " x = 1\n");
+  EXPECT_EQ(read_file(made), "[New]\ny=1\n\n");  // an absent file counts as an empty line
+  EXPECT_THAT(reports.take(),
+              ElementsAre(error(ENOENT, "inifileSave: failed to open temporary file")));
+}
+
+/// Runs `save` in a child process and tells whether it was killed in it.
+bool dies_in(const std::function<void()>& save) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    save();
+    ::_exit(0);
+  }
+  int status = 0;
+  EXPECT_EQ(::waitpid(child, &status, 0), child);
+  return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+}
+
+// Kills a save before and after each of its steps.
+template <kel::testing::Symbol Name, class R, class... Args>
+struct KillAt {
+  using Hook = Hooked<Name, R(Args...)>;
+  static inline int countdown;
+  static R call(Args... args) {
+    if (--countdown == 0) ::raise(SIGKILL);
+    const R result = Hook::real(args...);
+    if (--countdown == 0) ::raise(SIGKILL);
+    return result;
+  }
+};
+
+template <kel::testing::Symbol Name, class R, class... Args>
+void kill_at_each(const std::function<void()>& save, const std::function<void()>& check) {
+  using Kill = KillAt<Name, R, Args...>;
+  int killed = 0;
+  for (int moment = 1; moment <= 6; ++moment) {
+    killed += dies_in([&] {
+      Kill::countdown = moment;
+      const typename Kill::Hook hook(Kill::call);
+      save();
+    });
+    check();
+  }
+  EXPECT_GE(killed, 2);
+}
+
+TEST_F(IniSave, KilledAtAnyStepLeavesTheOldOrTheNewText) {
+  const std::string big(100'000, 'b');
+  ASSERT_EQ(InifileSaveValueA("S", "big", big.c_str(), file), 1);
+  const std::string fresh = saved();
+  write_file(backup, "older");
+  const auto save = [&] { InifileSaveA(file); };
+  const auto check = [&] {
+    ASSERT_THAT(on_disk(), AnyOf("x=old\n", fresh));
+    write_file(path, "x=old\n");
+  };
+  kill_at_each<"open", int, const char*, int, mode_t>(save, check);
+  kill_at_each<"fwrite_unlocked", size_t, const void*, size_t, size_t, FILE*>(save, check);
+  kill_at_each<"fsync", int, int>(save, check);
+  kill_at_each<"fclose", int, FILE*>(save, check);
+  kill_at_each<"link", int, const char*, const char*>(save, check);
+  kill_at_each<"unlink", int, const char*>(save, check);
+  kill_at_each<"rename", int, const char*, const char*>(save, check);
+  kill_at_each<"chmod", int, const char*, mode_t>(save, check);
+}
+
+TEST_F(IniSave, KilledAtRandomMomentsLeavesAWholeFileAtEveryMoment) {
+  constexpr int kKills = 200;
+  const std::string big(20'000, 'b');
+  ASSERT_EQ(InifileSaveValueA("S", "big", big.c_str(), file), 1);
+  const std::string fresh = saved();
+  std::mt19937 random(3);
+  int seen_old = 0, seen_new = 0;
+  double window_us =
+      1000;  // follows the speed of a save, so that both texts are met about as often
+  for (int i = 0; i < kKills; ++i) {
+    write_file(path, "x=old\n");
+    const pid_t child = ::fork();
+    if (child == 0) {
+      for (;;) InifileSaveA(file);
+    }
+    const auto deadline =
+        std::chrono::steady_clock::now() +
+        std::chrono::microseconds(random() % static_cast<unsigned long>(2 * window_us));
+    while (std::chrono::steady_clock::now() < deadline) {
+      const std::string seen = on_disk();
+      ASSERT_TRUE(seen == "x=old\n" || seen == fresh) << seen.size() << " bytes";
+    }
+    ::kill(child, SIGKILL);
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    const std::string left = on_disk();
+    ASSERT_TRUE(left == "x=old\n" || left == fresh) << left.size() << " bytes";
+    ++(left == fresh ? seen_new : seen_old);
+    window_us *= left == fresh ? 0.8 : 1.25;
+    window_us = std::max(window_us, 1.0);
+    for (const std::string& name : files())
+      if (name.ends_with(".sav")) std::filesystem::remove(dir / name);
+  }
+  EXPECT_GT(seen_old, 0);
+  EXPECT_GT(seen_new, 0);
+}
+
+}  // namespace

@@ -1,0 +1,203 @@
+#include <sys/stat.h>
+
+#include <climits>
+#include <clocale>
+
+#include "config/ini_fixture.h"
+
+namespace {
+
+using kel::testing::error;
+using kel::testing::IniFixture;
+using kel::testing::Report;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class IniTyped : public IniFixture {
+ protected:
+  template <class T>
+  struct Read {
+    int result;
+    T value;
+    friend bool operator==(const Read&, const Read&) = default;
+    friend std::ostream& operator<<(std::ostream& out, const Read& r) {
+      return out << "{" << r.result << ", " << r.value << "}";
+    }
+  };
+
+  /// Reads `text` as a value by way of `getter`, with the default 7 and a stale error around.
+  template <class T>
+  Read<T> read(int (*getter)(const char*, const char*, T*, T, const char*), const char* text) {
+    EXPECT_EQ(InifileSaveValueA("S", "k", text, file), 1);
+    errno = ERANGE;
+    T value = 99;
+    const int result = getter("S", "k", &value, 7, file);
+    return {result, value};
+  }
+};
+
+TEST_F(IniTyped, NumbersFollowTheProtocolOfResults) {
+  EXPECT_EQ(read(InifileGetIntegerA, "-12"), (Read<int>{4, -12}));
+  EXPECT_EQ(read(InifileGetIntegerA, ""), (Read<int>{-2, 7}));
+  EXPECT_EQ(get("S", "k"), "7");
+  EXPECT_EQ(read(InifileGetIntegerA, "12abc"), (Read<int>{0, 12}));
+  EXPECT_EQ(read(InifileGetIntegerA, "abc"), (Read<int>{0, 0}));
+  EXPECT_EQ(read(InifileGetIntegerA, "99999999999999999999"), (Read<int>{0, -1}));
+  EXPECT_EQ(read(InifileGetUIntegerA, "-1"), (Read<unsigned>{3, UINT_MAX}));
+  EXPECT_EQ(read(InifileGetShortA, "65537"), (Read<short>{6, 1}));
+  EXPECT_EQ(read(InifileGetUShortA, "65535"), (Read<unsigned short>{6, 65535}));
+  EXPECT_EQ(read(InifileGetLongLongA, "12abc"), (Read<long>{-1, 12}));
+  EXPECT_EQ(read(InifileGetLongLongA, "-9223372036854775808"), (Read<long>{21, LONG_MIN}));
+  EXPECT_EQ(read(InifileGetLongLongA, "9223372036854775808"), (Read<long>{-1, LONG_MAX}));
+  EXPECT_EQ(read(InifileGetULongLongA, "18446744073709551615"),
+            (Read<unsigned long>{21, ULONG_MAX}));
+  EXPECT_EQ(read(InifileGetSizeA, "10MiB"), (Read<unsigned long>{6, 10 << 20}));
+  EXPECT_EQ(read(InifileGetSizeA, "2kb"), (Read<unsigned long>{4, 2000}));
+  EXPECT_EQ(read(InifileGetSizeA, "2kbx"), (Read<unsigned long>{-1, 2000}));
+  EXPECT_THAT(reports.take(), ::testing::SizeIs(1));  // of the file, which was not there
+}
+
+TEST_F(IniTyped, BooleansLookAtTheFirstCharacter) {
+  for (const char* yes : {"yes", "True", "1", "y", "tolerable"})
+    EXPECT_EQ(read(InifileGetBooleanA, yes).value, 1) << yes;
+  for (const char* no : {"no", "0", "on", "false", "2"})
+    EXPECT_EQ(read(InifileGetBooleanA, no).value, 0) << no;
+  EXPECT_EQ(read(InifileGetBooleanA, ""), (Read<int>{-2, 0}));  // of a default that is neither
+}
+
+TEST_F(IniTyped, FloatsAndPercentagesHaveOneFormInEveryLocale) {
+  for (const char* locale : {"C", "de_DE.UTF-8"}) {
+    if (std::setlocale(LC_ALL, locale) == nullptr) continue;
+    float number = 0;
+    EXPECT_EQ(InifileGetFloatA("F", locale, &number, file, 0.5f), -35);
+    EXPECT_EQ(get("F", locale), "0.50000000000000000000000000000000");
+    EXPECT_EQ(number, 0.5f);
+    EXPECT_EQ(InifileSaveFloatA("F", locale, 0.1f, file), 1);
+    EXPECT_EQ(get("F", locale), "0.100000001490116119384765625000000000000000000000");
+    EXPECT_GT(InifileGetFloatA("F", locale, &number, file, 0), 0);
+    EXPECT_EQ(number, 0.1f);
+
+    double percent = 0;
+    EXPECT_EQ(InifileGetPercentageA("P", locale, &percent, file, 12.5), -6);
+    EXPECT_EQ(get("P", locale), "12.5%");
+    EXPECT_EQ(percent, 12.5);
+  }
+  std::setlocale(LC_ALL, "C");
+  InifileSaveValueA("F", "k", "text", file);
+  float number = 1;
+  EXPECT_EQ(InifileGetFloatA("F", "k", &number, file, 1), 5);
+  EXPECT_EQ(number, 0);
+}
+
+TEST_F(IniTyped, PercentagesNeedOneSign) {
+  const auto percent = [&](const char* text) {
+    InifileSaveValueA("S", "k", text, file);
+    double value = -1;
+    const int result = InifileGetPercentageA("S", "k", &value, file, 1);
+    return Read<double>{result, value};
+  };
+  EXPECT_EQ(percent("50%"), (Read<double>{4, 50}));
+  EXPECT_EQ(percent("50 %"), (Read<double>{5, 50}));
+  EXPECT_EQ(percent("-.5e1\t% "), (Read<double>{9, -5}));
+  for (const char* wrong : {"50", "50%%", "50%x", "%", "%50", "inf%", "nan%", "1e-999%"})
+    EXPECT_EQ(percent(wrong), (Read<double>{-1, -1})) << wrong;
+}
+
+TEST_F(IniTyped, StoresNumbersAsText) {
+  const auto stored = [&](int result) { return result == 1 ? get("S", "k") : "(failed)"; };
+  EXPECT_EQ(stored(InifileSaveIntegerA("S", "k", INT_MIN, file)), "-2147483648");
+  EXPECT_EQ(stored(InifileSaveUIntegerA("S", "k", UINT_MAX, file)), "-1");
+  unsigned back = 0;
+  EXPECT_EQ(InifileGetUIntegerA("S", "k", &back, 0, file), 3);
+  EXPECT_EQ(back, UINT_MAX);
+  EXPECT_EQ(stored(InifileSaveShortA("S", "k", -5, file)), "-5");
+  EXPECT_EQ(stored(InifileSaveUShortA("S", "k", 65535, file)), "65535");
+  EXPECT_EQ(stored(InifileSaveLongLongA("S", "k", LONG_MIN, file)), "-9223372036854775808");
+  EXPECT_EQ(stored(InifileSaveULongLongA("S", "k", ULONG_MAX, file)), "18446744073709551615");
+  EXPECT_EQ(stored(InifileSaveBooleanA("S", "k", 1, file)), "1");
+  EXPECT_EQ(stored(InifileSaveSizeA("S", "k", 1048576, file)), "1MiB");
+  EXPECT_EQ(stored(InifileSaveSizeA("S", "k", 2000000, file)), "2MB");
+  EXPECT_EQ(stored(InifileSaveSizeA("S", "k", 1500, file)), "1500");
+  EXPECT_EQ(stored(InifileSaveSizeA("S", "k", 0, file)), "0");
+  EXPECT_EQ(InifileSaveIntegerA("", "k", 1, file), -1);
+}
+
+TEST_F(IniTyped, PathsTurnBackslashesUnlessTheyHaveSlashes) {
+  char buf[32];
+  EXPECT_EQ(InifileGetPathA("S", "a", buf, 32, R"(c:\dir\x)", file), -9);
+  EXPECT_STREQ(buf, "c:/dir/x");
+  EXPECT_EQ(InifileGetPathA("S", "b", buf, 32, R"(/srv/a\b)", file), -9);
+  EXPECT_STREQ(buf, R"(/srv/a\b)");
+}
+
+TEST_F(IniTyped, NullPointersAreRefused) {
+  const auto refused = [&](int expected, int result, const char* name) {
+    EXPECT_EQ(result, expected);
+    EXPECT_THAT(reports.take(),
+                ElementsAre(error(EINVAL, std::string(name) + ": invalid NULL parameter")));
+  };
+  refused(-1, InifileGetIntegerA("S", "k", nullptr, 0, file), "InifileGetIntegerA");
+  refused(-1, InifileGetUShortA("S", "k", nullptr, 0, file), "InifileGetUShortA");
+  refused(-1, InifileGetSizeA("S", "k", nullptr, 0, file), "InifileGetSizeA");
+  refused(-1, InifileGetFloatA("S", "k", nullptr, file, 0), "InifileGetFloatA");
+  refused(-1, InifileGetPercentageA("S", "k", nullptr, file, 0), "InifileGetPercentageA");
+  refused(-1, InifileGetPathA("S", "k", nullptr, 8, "", file), "InifileGetPathA");
+  refused(0, InifileGetBooleanA("S", "k", nullptr, 0, file), "InifileGetBooleanA");
+}
+
+std::string block(const std::string& value, const std::string& file, const std::string& reason) {
+  return "\nBadValue : " + value + "\nFile     : " + file +
+         "\nSection  : Net\nEntry    : Port\nReason   : " + reason;
+}
+
+TEST_F(IniTyped, WrongSettingsAreReportedInOneLayout) {
+  InifileErrorA("/etc/x", "Net", "Port", "7o", "%s %d", "reason", 1);
+  InifileWarningA(nullptr, "Net", "Port", nullptr, "none");
+  InifileNoticeA("/etc/x", "Net", "Port", "", "empty");
+  InifileValueErrorA("/etc/x.conf", "Net", "Port", 70000, "%s", "out of range");
+  InifileValueWarningA("/etc/x", "Net", "Port", LONG_MIN, "low");
+  InifileValueNoticeA("/etc/x", "Net", "Port", 0, "%s", std::string(2000, 'r').c_str());
+  EXPECT_THAT(
+      reports.take(),
+      ElementsAre(Report{KEL_LOG_ERR, EINVAL, block("7o", "/etc/x", "reason 1")},
+                  Report{KEL_LOG_WARN, ENOENT, block("(none)", "(none)", "none")},
+                  Report{KEL_LOG_NOTICE, EINVAL, block("", "/etc/x", "empty")},
+                  Report{KEL_LOG_ERR, EINVAL, block("70000", "/etc/x.conf", "out of range")},
+                  Report{KEL_LOG_WARN, EINVAL, block("-9223372036854775808", "/etc/x", "low")},
+                  Report{KEL_LOG_NOTICE, EINVAL, block("0", "/etc/x", std::string(1023, 'r'))}));
+}
+
+TEST_F(IniTyped, PathSettingsAreChecked) {
+  given("");
+  ASSERT_EQ(::chmod(file, 0640), 0);
+  const auto check = [&](std::string value, unsigned mode, int strip = 1) {
+    const int problems = InifileCheckPathStripA("f", "Net", "Port", value.data(), mode, strip);
+    return std::pair(problems, std::string(value.c_str()));
+  };
+  const std::string home = dir.path().string();
+  EXPECT_EQ(check(home + "/", S_IFDIR), std::pair(0, home));
+  EXPECT_EQ(check(home + "/", S_IFDIR, 0), std::pair(0, home + "/"));
+  EXPECT_EQ(check("/", S_IFDIR).first, 0);
+  EXPECT_EQ(check(path, S_IFREG | 0640).first, 0);
+  EXPECT_THAT(reports.take(), IsEmpty());
+
+  EXPECT_EQ(check(path, S_IFDIR).first, 1);
+  EXPECT_EQ(check(path, S_IFSOCK | 0600).first, 2);
+  EXPECT_EQ(check(path + "x", 0).first, 1);
+  EXPECT_EQ(check("", 0).first, 1);
+  EXPECT_EQ(InifileCheckPathA("f", "Net", "Port", nullptr, 0), 1);
+  const auto wrong = [&](const std::string& value, const std::string& reason) {
+    return error(value == "(none)" ? ENOENT : EINVAL, block(value, "f", reason));
+  };
+  EXPECT_THAT(reports.take(),
+              ElementsAre(wrong(path, "not a directory (file)"), wrong(path, "not a socket (file)"),
+                          wrong(path, "incorrect permissions. Expected: 0600, actual: 0640"),
+                          wrong(path + "x", "No such file or directory"),
+                          wrong("(none)", "Expected a non-empty value."),
+                          wrong("(none)", "Expected a non-empty value.")));
+  EXPECT_STREQ(DeviceModeToStringA(S_IFLNK | 0777), "symbolic link");
+  EXPECT_STREQ(DeviceModeToStringA(0xF000), "unknown file type");
+  EXPECT_EQ(std::wstring(DeviceModeToStringW(S_IFBLK)), L"block device");
+}
+
+}  // namespace

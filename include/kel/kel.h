@@ -14,6 +14,7 @@
 #include <kel/cipher.h>
 #include <kel/crc.h>
 #include <kel/crypt.h>
+#include <kel/daemon.h>
 #include <kel/digest.h>
 #include <kel/dir.h>
 #include <kel/export.h>
@@ -24,6 +25,7 @@
 #include <kel/logging.h>
 #include <kel/magic.h>
 #include <kel/options.h>
+#include <kel/os.h>
 #include <kel/path.h>
 #include <kel/preallocator.h>
 #include <kel/runtime.h>

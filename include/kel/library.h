@@ -92,7 +92,8 @@ KEL_API const char* GetProgramName(const char* path);
 KEL_API int ShowCopyrights(void);
 /** Writes it to `stream`. */
 KEL_API int ShowCopyrights2(FILE* stream);
-/** Prints a summary of system, memory and process; null: to standard output. */
+/** Prints a summary of system, memory, mounted file systems (as OSGetMountListA() lists them) and
+ * process; null: to standard output. */
 KEL_API void OSTest(FILE* stream);
 /** @} */
 

@@ -6,14 +6,9 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstring>
-
-#include "frame/log_context.h"
 #include "internal/atomic_field.h"
-#include "internal/handles.h"
+#include "internal/process_stat.h"
 #include "internal/report.h"
-#include "internal/text_traits.h"
 
 using kel::internal::load_field;
 using kel::internal::store_field;
@@ -37,19 +32,6 @@ void record_alarm(int signal) {
 }
 
 }  // namespace
-
-namespace kel::internal {
-
-void read_process_name(char (&name)[kProcessNameSize]) noexcept {
-  char word[kProcessNameSize] = "";
-  if (const UniqueFile stat{std::fopen("/proc/self/stat", "re")})
-    if (std::fscanf(stat.get(), "%*d %63s", word) != 1) word[0] = '\0';
-  copy_cut(name, word[0] == '(' ? word + 1 : word);
-  const size_t length = std::strlen(name);
-  if (length != 0 && name[length - 1] == ')') name[length - 1] = '\0';
-}
-
-}  // namespace kel::internal
 
 void LogConfig::Init(int newFlags, int newSyslogFlags, bool force) {
   if (force) SetFlags(newFlags, newSyslogFlags);
@@ -83,7 +65,7 @@ void LogConfig::Reset() {
 
 bool LogConfig::SupportSyslog() {
   static char name[kel::internal::kProcessNameSize];  // openlog() keeps the pointer
-  kel::internal::read_process_name(name);
+  kel::internal::read_process_name(0, name);
   openlog(name, LOG_PID | LOG_NDELAY, LOG_LOCAL4);
   probing_thread = pthread_self();
   struct sigaction on_alarm = {};

@@ -22,9 +22,4 @@ class LogLock {
 /// Makes the log lock anew, for a child after fork; 0 or an errno value.
 int reset_log_lock() noexcept;
 
-inline constexpr size_t kProcessNameSize = 64;
-
-/// Reads the process's short name from /proc/self/stat; empty when that cannot be read.
-void read_process_name(char (&name)[kProcessNameSize]) noexcept;
-
 }  // namespace kel::internal

@@ -6,11 +6,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cinttypes>
 #include <cstring>
 
-#include "frame/log_context.h"
-#include "internal/handles.h"
+#include "frame/os_test_sections.h"
+#include "internal/process_stat.h"
 
 using namespace kel::internal;
 
@@ -57,17 +56,9 @@ void print_memory(FILE* out) {
                ram / kMegabyte, swap / kMegabyte);
 }
 
-/// Bytes of this process in memory; 0 when the system does not tell.
-unsigned long resident_bytes() {
-  const UniqueFile statm{std::fopen("/proc/self/statm", "re")};
-  unsigned long pages = 0;
-  if (!statm || std::fscanf(statm.get(), "%*u %lu", &pages) != 1) return 0;
-  return pages * static_cast<unsigned long>(sysconf(_SC_PAGESIZE));
-}
-
 void print_process(FILE* out) {
   char name[kProcessNameSize];
-  read_process_name(name);
+  read_process_name(0, name);
   std::fprintf(out, "Current process name         : %s\n", name);
   std::fprintf(out, "Current memory usage         : %lu kbytes\n", resident_bytes() / 1024);
 }
@@ -79,6 +70,7 @@ void OSTest(FILE* stream) {
   print_system(out);
   print_types(out);
   print_memory(out);
+  print_mount_section(out);
   print_process(out);
   std::fprintf(out, "OS Check complete\n");
 }

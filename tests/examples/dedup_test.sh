@@ -113,6 +113,15 @@ StoresEachChunkOnce() {
   expect 1 store repo /nowhere && says 'could not store /nowhere'
 }
 
+# flip_bit FILE AT: another byte AT that place.
+flip_bit() {
+  local byte
+  byte=$(od -An -tu1 -j "$2" -N 1 "$1")
+  # shellcheck disable=SC2059
+  printf "\\x$(printf %x $((byte ^ (1 << RANDOM % 8))))" |
+    dd of="$1" bs=1 seek="$2" conv=notrunc status=none
+}
+
 # damage_one FILE: FILE of the repository is damaged; that is found and leads to nothing wrong.
 damage_one() {
   expect 1 verify repo && says "$1"
@@ -124,14 +133,12 @@ ReportsDamage() {
   make_data_tree
   expect 0 store repo tree
   cp -a repo whole
-  local file size at byte
+  local file size at
   for file in whole/containers/* whole/snapshots/*; do
     file=${file#whole/}
     size=$(stat -c %s "whole/$file")
     for at in 0 14 30 66 $((RANDOM * 31 % size)) $((size - 20)); do
-      byte=$(od -An -tu1 -j "$at" -N 1 "whole/$file")
-      printf "\\x$(printf %x $((byte ^ (1 << RANDOM % 8))))" |
-        dd of="repo/$file" bs=1 seek="$at" conv=notrunc status=none
+      flip_bit "repo/$file" "$at"
       damage_one "repo/$file"
       cp -a "whole/$file" "repo/$file"
     done
@@ -200,7 +207,7 @@ TrustsNoIndex() {
   rm repo/index && expect 0 verify repo && expect_whole
   for at in 3 9 20 25 50 $((size / 4096 * 4096 - 4096)) $((size - 100)) $((size - 1)); do
     rm -rf repo && cp -a whole repo
-    printf '\xa5' | dd of=repo/index bs=1 seek="$at" conv=notrunc status=none
+    flip_bit repo/index "$at"
     expect 1 verify repo && says 'repo/index is damaged'
     # In a block it is found only by those who look there; at worst chunks are stored again.
     [ "$at" -le 50 ] || [ "$at" -ge $((size - 100)) ] || rm repo/index

@@ -10,11 +10,11 @@ namespace {
 
 using namespace kel::testing;
 
-/// Makes nodes, misplaced by 4 bytes and not cleared, and keeps them.
+/// Makes nodes, not cleared, and keeps them.
 class Nodes {
  public:
   KelHashTreeNode* make(uint64_t key) {
-    char* memory = blocks_.emplace_back().bytes + 4;
+    char* memory = blocks_.emplace_back().bytes;
     std::memset(memory, 0x5A, sizeof(KelHashTreeNode));
     auto* node = reinterpret_cast<KelHashTreeNode*>(memory);
     const Record record = {key, 0};
@@ -24,7 +24,7 @@ class Nodes {
 
  private:
   struct Block {
-    alignas(8) char bytes[48];
+    alignas(8) char bytes[40];
   };
   std::deque<Block> blocks_;
 };

@@ -50,28 +50,19 @@ TEST_F(IniValues, LongValuesAreCutAndListsAreNot) {
   EXPECT_STREQ(list, "");
 }
 
-TEST_F(IniValues, StoringReplacesAllDefinitionsAndWhatIsRemovedIsGoneForEveryCall) {
-  given("[S]\n# c\na=1\nb=0\nA=2\n");
-  EXPECT_EQ(InifileSaveValueA("s", "A", "3", file), 1);
+TEST_F(IniValues, StoringAndRemovingTakeTheCommentAlong) {
+  given("top=1\n[S]\n# c\na=1\nb=0\nA=2\n# d\nd=1\n[T]\nx=1\n");
+  EXPECT_EQ(InifileSaveValueA("s", "A", "3", file), 1);  // replaces both definitions
   EXPECT_EQ(InifileSaveValueA("s", "b", nullptr, file), 1);
   EXPECT_EQ(InifileSaveValueA("s", "", "no key", file), 1);
-  EXPECT_EQ(InifileSaveValueA("T", nullptr, "no key", file), 1);
-  EXPECT_EQ(saved(), "[S]\n# c\nA=3\nb=\n[T]\n");
-  EXPECT_EQ(get("S", "a", 1), "(none)");
-
-  given("top=1\n[S]\n# c\na=1\na=2\nb=3\n[T]\nx=1\n");
-  EXPECT_EQ(InifileDeleteValueA("S", "a", file), 0);
-  EXPECT_EQ(get("S", "a"), "1");  // the definition before
-  EXPECT_EQ(InifileDeleteValueA("S", "a", file), 0);
-  EXPECT_EQ(exists("S", "a"), -1);
-  EXPECT_EQ(comment("S", "a"), "(none)");
-  EXPECT_EQ(InifileDeleteValueA("S", "a", file), -1);
+  EXPECT_EQ(InifileDeleteValueA("S", "d", file), 0);
+  EXPECT_EQ(comment("S", "d"), "(none)");
   EXPECT_EQ(InifileDeleteValueA("T", nullptr, file), 0);
   EXPECT_EQ(exists("T", "x"), -2);
-  EXPECT_EQ(InifileSaveValueA("T", "y", "1", file), 1);
+  EXPECT_EQ(InifileSaveValueA("T", nullptr, "no key", file), 1);
   EXPECT_EQ(InifileDeleteValueA(INIFILE_TOP_SECTION, "", file), 0);
-  EXPECT_EQ(InifileSaveValueA(INIFILE_TOP_SECTION, "top", "2", file), 1);
-  EXPECT_EQ(saved(), "top=2\n[S]\nb=3\n[T]\ny=1\n");
+  EXPECT_EQ(InifileSaveValueA(INIFILE_TOP_SECTION, "new", "2", file), 1);
+  EXPECT_EQ(saved(), "new=2\n[S]\n# c\nA=3\nb=\n[T]\n");
 }
 
 TEST_F(IniValues, CommentsAreSetWhereverTheyBelong) {

@@ -212,11 +212,9 @@ TEST_F(StreamBuffers, DerivedKeysStayTheSame) {
   const std::string whole = "2eff901e5cf51d69b6c0b8b88b4b9baa851fa6208b9f86ba378f76cc9e1d063e";
   const std::string terminated = whole + '\0' + "#####";
   EXPECT_EQ(key(80, nullptr), terminated);
-  EXPECT_EQ(key(80, ""), terminated);
   EXPECT_EQ(key(65, nullptr), terminated);
   EXPECT_EQ(key(64, nullptr), whole + "######");
   EXPECT_EQ(key(5, nullptr), whole.substr(0, 5) + std::string(65, '#'));
-  EXPECT_NE(key(64, "a"), whole + "######");
   EXPECT_NE(key(64, "a"), key(64, "b"));
 }
 

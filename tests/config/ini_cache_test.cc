@@ -10,25 +10,14 @@
 #include <thread>
 
 #include "config/ini_fixture.h"
-#include "support/import_hook.h"
 
 namespace {
 
-using kel::testing::error;
-using kel::testing::fail_each;
-using kel::testing::Fault;
-using kel::testing::IniFixture;
-using kel::testing::read_file;
-using kel::testing::warning;
-using kel::testing::write_file;
-using ::testing::Each;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
+using namespace kel::testing;
 
 class IniCache : public IniFixture {};
 
-TEST_F(IniCache, ReadsTheDiskOnceUntilReleased) {
+TEST_F(IniCache, ReadsTheDiskOnceUntilReleasedAndTellsPathsApartByTheirText) {
   given("x=1\n");
   EXPECT_EQ(get(INIFILE_TOP_SECTION, "x"), "1");
   write_file(path, "x=2\n");
@@ -40,10 +29,8 @@ TEST_F(IniCache, ReadsTheDiskOnceUntilReleased) {
   EXPECT_EQ(KelLibDestroy(), 0);
   EXPECT_EQ(InifileReleaseA(file), 0);
   EXPECT_EQ(InifileReleaseA(nullptr), 0);
-}
 
-// The checksums (Adler-32) of the first two paths are equal, whatever the directory is.
-TEST_F(IniCache, TellsPathsApartByTheirText) {
+  // The checksums (Adler-32) of the first two paths are equal, whatever the directory is.
   const std::string paths[] = {dir / "bbbb", dir / "acca", dir / "BBBB"};
   for (const std::string& each : paths) write_file(each, "x=" + each + "\n");
   for (int round = 0; round < 2; ++round) {
@@ -187,42 +174,40 @@ TEST_F(IniCache, ManyThreadsShareFiles) {
 }
 
 TEST_F(IniCache, ACancelledThreadLeavesTheLockFree) {
+  const auto start = [](void* (*body)(void*), const std::string& name) {
+    pthread_t thread;
+    EXPECT_EQ(pthread_create(&thread, nullptr, body, const_cast<char*>(name.c_str())), 0);
+    return thread;
+  };
+  const auto expect_cancelled = [](pthread_t thread) {
+    void* result = nullptr;
+    ASSERT_EQ(pthread_join(thread, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+  };
+  // Nobody writes to the pipe: the load stays in its first system call.
   const std::string pipe = dir / "pipe";
   ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
-  pthread_t reader;
-  // Nobody writes to the pipe: the load stays in its first system call.
-  ASSERT_EQ(pthread_create(
-                &reader, nullptr,
-                [](void* name) -> void* {
-                  InifileLoadA(static_cast<const char*>(name));
-                  return nullptr;
-                },
-                const_cast<char*>(pipe.c_str())),
-            0);
+  const auto load = [](void* name) -> void* {
+    InifileLoadA(static_cast<const char*>(name));
+    return nullptr;
+  };
+  const pthread_t reader = start(load, pipe);
   ::usleep(50'000);
   given("x=1\n");
   EXPECT_EQ(get(INIFILE_TOP_SECTION, "x"), "1");  // meanwhile others are served
   ASSERT_EQ(pthread_cancel(reader), 0);
-  void* result = nullptr;
-  ASSERT_EQ(pthread_join(reader, &result), 0);
-  EXPECT_EQ(result, PTHREAD_CANCELED);
+  expect_cancelled(reader);
   EXPECT_EQ(InifileReleaseA(pipe.c_str()), 0);
 
   // A save is finished before the thread goes.
   ASSERT_EQ(InifileSaveValueA(INIFILE_TOP_SECTION, "x", "2", file), 1);
-  pthread_t writer;
-  ASSERT_EQ(pthread_create(
-                &writer, nullptr,
-                [](void* name) -> void* {
-                  pthread_cancel(pthread_self());
-                  InifileSaveA(static_cast<const char*>(name));
-                  pthread_testcancel();
-                  return nullptr;
-                },
-                const_cast<char*>(file)),
-            0);
-  ASSERT_EQ(pthread_join(writer, &result), 0);
-  EXPECT_EQ(result, PTHREAD_CANCELED);
+  const auto save = [](void* name) -> void* {
+    pthread_cancel(pthread_self());
+    InifileSaveA(static_cast<const char*>(name));
+    pthread_testcancel();
+    return nullptr;
+  };
+  expect_cancelled(start(save, path));
   EXPECT_EQ(on_disk(), "x=2\n");
   EXPECT_EQ(get(INIFILE_TOP_SECTION, "x"), "2");
 }

@@ -9,36 +9,23 @@
 
 namespace {
 
-using kel::testing::error;
-using kel::testing::IniFixture;
-using kel::testing::read_file;
-using kel::testing::write_file;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
+using namespace kel::testing;
 
 class IniParse : public IniFixture {};
 
-TEST_F(IniParse, KeepsTheTextThroughLoadAndSave) {
-  const std::string_view kTexts[] = {
-      "",
-      "# only a comment\n",
-      "x=1\n",
-      "# head\n\n; of x\nx=1\n\n[A]\n# of a\na=1\na=2\n# of the third\na=3\nb=\n\n[B]\n# tail\n\n",
-      "[ spaced ]\n# c\n\xFF ignored, but under a comment\nno sign either\nk=v\n",
-      "[]\n=value without a key\n",
-      "a=1\na=\n# of the last\nA=3\n",  // definitions keep their own text and spelling
-      "[S]\nlong="
-      "\xC3\xA4\xF0\x9F\x98\x80 and \x01 bytes = of all ; kinds # here\n",
-  };
-  for (const std::string_view text : kTexts) {
-    given(text);
-    EXPECT_EQ(saved(), text);
-    reports.take();
-  }
-}
-
-TEST_F(IniParse, TidiesWhiteSpaceAndLineEnds) {
-  const std::string_view kRows[][2] = {
+TEST_F(IniParse, LoadAndSaveKeepTheTextAndTidyWhiteSpaceAndLineEnds) {
+  const struct {
+    std::string_view text, tidy = text;
+  } rows[] = {
+      {""},
+      {"# only a comment\n"},
+      {"x=1\n"},
+      {"# head\n\n; of x\nx=1\n\n[A]\n# of a\na=1\na=2\n# of the third\na=3\nb=\n\n[B]\n# "
+       "tail\n\n"},
+      {"[ spaced ]\n# c\n\xFF ignored, but under a comment\nno sign either\nk=v\n"},
+      {"[]\n=value without a key\n"},
+      {"a=1\na=\n# of the last\nA=3\n"},  // definitions keep their own text and spelling
+      {"[S]\nlong=\xC3\xA4\xF0\x9F\x98\x80 and \x01 bytes = of all ; kinds # here\n"},
       {"  a \t=  1 2 \v\f\n\t[S] rest\n b=2", "a=1 2\n[S]\nb=2\n"},
       {"[S]\r\n# c\r\na=1\r\n", "[S]\n# c\r\na=1\n"},
       {"[S]\r# c\ra=1\r\rb=2\r# end", "[S]\n# c\r\na=1\n\r\nb=2\n# end\n"},
@@ -48,35 +35,29 @@ TEST_F(IniParse, TidiesWhiteSpaceAndLineEnds) {
       {"[A]\nx=1\n[__dummy__section__]\ny=2\n", "y=2\n[A]\nx=1\n"},
       {"\xEF\xBB\xBFx=1\n\x7F=2\n\x01=3\ny=4\n", "y=4\n"},
   };
-  for (const auto& [text, tidy] : kRows) {
+  for (const auto& [text, tidy] : rows) {
     given(text);
     EXPECT_EQ(saved(), tidy);
     given(tidy);
     EXPECT_EQ(saved(), tidy);
+    EXPECT_EQ(reports.take().empty(), text.find("no sign") == text.npos);
   }
-  EXPECT_THAT(reports.take(), IsEmpty());
 }
 
-TEST_F(IniParse, FindsWhatTheLinesSay) {
-  given("x=1\n# of Net\n\n[Net]\n Host = a b ; c \n[ Net ]\nHost=2\nhost==3=\nHOST=\n");
-  EXPECT_THAT(names(), ElementsAre(INIFILE_TOP_SECTION, "Net", " Net "));
-  EXPECT_EQ(get(INIFILE_TOP_SECTION, "X"), "1");
-  EXPECT_EQ(get("nET", "hOST"), "a b ; c");
+TEST_F(IniParse, FindsWhatTheLinesSayAndTheCommentOfWhatFollows) {
+  given(
+      "x=1\n# of Net\n\n[Net]\n Host = a b ; c \n[ Net ]\nHost=2\nhost==3=\nHOST=\n"
+      "# of A\n[A]\n# of x\nx=1\nx=2\n# again\n[a]\ny=1\n");
+  EXPECT_THAT(names(), ElementsAre(INIFILE_TOP_SECTION, "Net", " Net ", "A"));
   EXPECT_THAT(names(" net "), ElementsAre("HOST"));
+  EXPECT_EQ(get("nET", "hOST"), "a b ; c");
   EXPECT_EQ(get(" Net ", "Host", 0), "=3=");  // taken over from the definition before
   EXPECT_EQ(get(" Net ", "Host", 1), "=3=");
-  EXPECT_EQ(get(" Net ", "Host", 2), "2");
-  EXPECT_EQ(get(" Net ", "Host", 3), "(none)");
   EXPECT_EQ(comment("Net", nullptr), "# of Net\n\n");
   EXPECT_EQ(comment("Net", "Host"), "(none)");
-}
-
-TEST_F(IniParse, CommentsBelongToWhatFollows) {
-  given("# of A\n[A]\n# of x\nx=1\nx=2\n# again\n[a]\ny=1\n# the end");
   EXPECT_EQ(comment("A", nullptr), "# again\n");
   EXPECT_EQ(comment("A", "x"), "# of x\n");
   EXPECT_EQ(comment("A", "y"), "(none)");
-  EXPECT_EQ(saved(), "# of A\n# again\n[A]\n# of x\nx=1\nx=2\ny=1\n# the end\n");
 }
 
 TEST_F(IniParse, SkipsWrongLinesWithAReport) {
@@ -128,7 +109,7 @@ TEST_F(IniParse, TakesHugeAndStrangeFilesInLinearTime) {
                                 "[" + std::string(kSize, '['),
                                 many_keys,
                                 many_sections};
-  kel::testing::ReportCapture quiet(0);
+  ReportCapture quiet(0);
   for (const std::string& text : kTexts) {
     given(text);
     ASSERT_EQ(InifileLoadA(file), 0);

@@ -10,20 +10,11 @@
 #include <random>
 
 #include "config/ini_fixture.h"
-#include "support/import_hook.h"
 
 namespace {
 
-using kel::testing::error;
-using kel::testing::Fault;
-using kel::testing::Hooked;
-using kel::testing::IniFixture;
-using kel::testing::open_descriptors;
-using kel::testing::read_file;
-using kel::testing::write_file;
+using namespace kel::testing;
 using ::testing::AnyOf;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 
 class IniSave : public IniFixture {
@@ -38,11 +29,6 @@ class IniSave : public IniFixture {
       found.push_back(entry.path().filename());
     return found;
   }
-  static mode_t mode_of(const std::string& name) {
-    struct stat status = {};
-    EXPECT_EQ(::stat(name.c_str(), &status), 0);
-    return status.st_mode & 07777;
-  }
 
   const std::string backup = path + ".bak";
 };
@@ -52,7 +38,9 @@ TEST_F(IniSave, KeepsTheTextBeforeAndSetsTheMode) {
   EXPECT_EQ(InifileSaveA(file), 0);
   EXPECT_EQ(on_disk(), "x=new\n");
   EXPECT_EQ(read_file(backup), "x=old\n");
-  EXPECT_EQ(mode_of(path), 0640u);
+  struct stat status = {};
+  ASSERT_EQ(::stat(file, &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0640u);
   EXPECT_THAT(files(), UnorderedElementsAre("svc.conf", "svc.conf.bak"));
 
   // Saving twice within a second, over a left-over temporary file, disturbs nobody.
@@ -62,14 +50,12 @@ TEST_F(IniSave, KeepsTheTextBeforeAndSetsTheMode) {
   EXPECT_EQ(InifileSaveA(file), 0);
   EXPECT_EQ(read_file(left_over), "left over");
   EXPECT_EQ(read_file(backup), "x=new\n");
-}
 
-TEST_F(IniSave, CreatesWhatWasNotThereAndThenLeavesTheBackupAlone) {
+  // Where there was no text, the backup is the only copy.
   std::filesystem::remove(path);
-  write_file(backup, "the only copy");
-  EXPECT_EQ(InifileSaveA(file), 0);
+  EXPECT_EQ(InifileSaveNewA(file), 0);
   EXPECT_EQ(on_disk(), "x=new\n");
-  EXPECT_EQ(read_file(backup), "the only copy");
+  EXPECT_EQ(read_file(backup), "x=new\n");
 }
 
 TEST_F(IniSave, EveryStepThatFailsLeavesTheOldTextAndIsReported) {
@@ -116,38 +102,26 @@ TEST_F(IniSave, CopiesTheBackupWhereThereAreNoHardLinks) {
   EXPECT_EQ(read_file(backup), before);
 }
 
-TEST_F(IniSave, RefusesWhatIsNotLoaded) {
-  const std::string other = dir / "other";
-  EXPECT_EQ(InifileSaveA(other.c_str()), 2);
-  EXPECT_EQ(errno, ENOENT);
-  EXPECT_EQ(InifileSaveA(""), 2);
-  EXPECT_EQ(errno, ENOENT);
-  EXPECT_EQ(InifileSaveAsA(other.c_str(), file, 1), 2);
-  EXPECT_EQ(IniFileLoadAndSaveAsA(nullptr, file, 1), -1);
-  EXPECT_THAT(files(), ElementsAre("svc.conf"));
-  EXPECT_THAT(reports.take(),
-              ElementsAre(error(ENOENT, "InifileSaveA: cannot find key"),
-                          error(EINVAL, "InifileSaveA: invalid NULL parameter"),
-                          error(ENOENT, "InifileSaveAsA: cannot find key"),
-                          error(EINVAL, "IniFileLoadAndSaveAsA: invalid NULL parameter")));
-}
-
-TEST_F(IniSave, WritesToAnotherPlace) {
-  const std::string other = dir / "other";
+TEST_F(IniSave, WritesToAnotherPlaceWhatIsLoaded) {
+  const std::string other = dir / "other", below = other + "/below";
   EXPECT_EQ(InifileSaveAsA(file, other.c_str(), 0), 0);
   EXPECT_EQ(read_file(other), "x=new\n");
-  EXPECT_EQ(InifileSaveAsA(file, other.c_str(), 0), -1);
-  EXPECT_EQ(errno, EEXIST);
-  EXPECT_EQ(InifileSaveAsA(file, "/dev/full", 1), -1);
-  EXPECT_EQ(errno, ENOSPC);
-  EXPECT_EQ(InifileSaveAsA(file, (other + "/below").c_str(), 1), -1);
-  EXPECT_THAT(reports.take(),
-              ElementsAre(error(EEXIST, "inifileSaveAs: file already exists"),
-                          error(ENOSPC, "__doSave: failed to close file /dev/full"),
-                          error(ENOTDIR, "inifileSaveAs: cannot open file " + other + "/below")));
   ::testing::internal::CaptureStdout();
   EXPECT_EQ(InifileSaveAsA(file, nullptr, 0), 0);
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "x=new\n");
+  expect_refused(reports, {{EEXIST, "inifileSaveAs: file already exists",
+                            [&] { return InifileSaveAsA(file, other.c_str(), 0) == -1; }},
+                           {ENOSPC, "__doSave: failed to close file /dev/full",
+                            [&] { return InifileSaveAsA(file, "/dev/full", 1) == -1; }},
+                           {ENOTDIR, "inifileSaveAs: cannot open file " + below,
+                            [&] { return InifileSaveAsA(file, below.c_str(), 1) == -1; }},
+                           {ENOENT, "InifileSaveAsA: cannot find key",
+                            [&] { return InifileSaveAsA(other.c_str(), file, 1) == 2; }},
+                           {ENOENT, "InifileSaveA: cannot find key",
+                            [&] { return InifileSaveA(other.c_str()) == 2; }}});
+  EXPECT_EQ(InifileSaveA(""), 2);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_THAT(reports.take(), ElementsAre(error(EINVAL, "InifileSaveA: invalid NULL parameter")));
   EXPECT_EQ(on_disk(), "x=old\n");
 }
 
@@ -167,41 +141,28 @@ TEST_F(IniSave, FlushesWhatWasChangedAndReportsEachFailure) {
               ElementsAre(error(ENOENT, "inifileSave: failed to open temporary file")));
 }
 
-/// Runs `save` in a child process and tells whether it was killed in it.
-bool dies_in(const std::function<void()>& save) {
-  const pid_t child = ::fork();
-  if (child == 0) {
-    save();
-    ::_exit(0);
-  }
-  int status = 0;
-  EXPECT_EQ(::waitpid(child, &status, 0), child);
-  return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
-}
-
-// Kills a save before and after each of its steps.
-template <kel::testing::Symbol Name, class R, class... Args>
-struct KillAt {
-  using Hook = Hooked<Name, R(Args...)>;
-  static inline int countdown;
-  static R call(Args... args) {
-    if (--countdown == 0) ::raise(SIGKILL);
-    const R result = Hook::real(args...);
-    if (--countdown == 0) ::raise(SIGKILL);
-    return result;
-  }
-};
-
-template <kel::testing::Symbol Name, class R, class... Args>
+/// Kills `save` in a child process before and after each of its calls of `Name`.
+template <Symbol Name, class R, class... Args>
 void kill_at_each(const std::function<void()>& save, const std::function<void()>& check) {
-  using Kill = KillAt<Name, R, Args...>;
+  using Hook = Hooked<Name, R(Args...)>;
+  static int countdown;
   int killed = 0;
   for (int moment = 1; moment <= 6; ++moment) {
-    killed += dies_in([&] {
-      Kill::countdown = moment;
-      const typename Kill::Hook hook(Kill::call);
+    const pid_t child = ::fork();
+    if (child == 0) {
+      countdown = moment;
+      const Hook hook([](Args... args) {
+        if (--countdown == 0) ::raise(SIGKILL);
+        const R result = Hook::real(args...);
+        if (--countdown == 0) ::raise(SIGKILL);
+        return result;
+      });
       save();
-    });
+      ::_exit(0);
+    }
+    int status = 0;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    killed += WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
     check();
   }
   EXPECT_GE(killed, 2);
@@ -234,8 +195,7 @@ TEST_F(IniSave, KilledAtRandomMomentsLeavesAWholeFileAtEveryMoment) {
   const std::string fresh = saved();
   std::mt19937 random(3);
   int seen_old = 0, seen_new = 0;
-  double window_us =
-      1000;  // follows the speed of a save, so that both texts are met about as often
+  double window_us = 1000;  // follows the speed of a save: both texts are met about as often
   for (int i = 0; i < kKills; ++i) {
     write_file(path, "x=old\n");
     const pid_t child = ::fork();

@@ -6,13 +6,7 @@
 
 namespace {
 
-using kel::testing::error;
-using kel::testing::IniFixture;
-using kel::testing::Report;
-using kel::testing::warning;
-using kel::testing::write_file;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
+using namespace kel::testing;
 
 class IniValues : public IniFixture {};
 
@@ -56,30 +50,19 @@ TEST_F(IniValues, LongValuesAreCutAndListsAreNot) {
   EXPECT_STREQ(list, "");
 }
 
-TEST_F(IniValues, StoringReplacesAllDefinitionsAndKeepsTheComment) {
-  given("[S]\n# c\na=1\nb=0\nA=2\n");
-  EXPECT_EQ(InifileSaveValueA("s", "A", "3", file), 1);
+TEST_F(IniValues, StoringAndRemovingTakeTheCommentAlong) {
+  given("top=1\n[S]\n# c\na=1\nb=0\nA=2\n# d\nd=1\n[T]\nx=1\n");
+  EXPECT_EQ(InifileSaveValueA("s", "A", "3", file), 1);  // replaces both definitions
   EXPECT_EQ(InifileSaveValueA("s", "b", nullptr, file), 1);
   EXPECT_EQ(InifileSaveValueA("s", "", "no key", file), 1);
-  EXPECT_EQ(InifileSaveValueA("T", nullptr, "no key", file), 1);
-  EXPECT_EQ(saved(), "[S]\n# c\nA=3\nb=\n[T]\n");
-  EXPECT_EQ(get("S", "a", 1), "(none)");
-}
-
-TEST_F(IniValues, WhatIsRemovedIsGoneForEveryCall) {
-  given("top=1\n[S]\n# c\na=1\na=2\nb=3\n[T]\nx=1\n");
-  EXPECT_EQ(InifileDeleteValueA("S", "a", file), 0);
-  EXPECT_EQ(get("S", "a"), "1");  // the definition before
-  EXPECT_EQ(InifileDeleteValueA("S", "a", file), 0);
-  EXPECT_EQ(exists("S", "a"), -1);
-  EXPECT_EQ(comment("S", "a"), "(none)");
-  EXPECT_EQ(InifileDeleteValueA("S", "a", file), -1);
+  EXPECT_EQ(InifileDeleteValueA("S", "d", file), 0);
+  EXPECT_EQ(comment("S", "d"), "(none)");
   EXPECT_EQ(InifileDeleteValueA("T", nullptr, file), 0);
   EXPECT_EQ(exists("T", "x"), -2);
-  EXPECT_EQ(InifileSaveValueA("T", "y", "1", file), 1);
+  EXPECT_EQ(InifileSaveValueA("T", nullptr, "no key", file), 1);
   EXPECT_EQ(InifileDeleteValueA(INIFILE_TOP_SECTION, "", file), 0);
-  EXPECT_EQ(InifileSaveValueA(INIFILE_TOP_SECTION, "top", "2", file), 1);
-  EXPECT_EQ(saved(), "top=2\n[S]\nb=3\n[T]\ny=1\n");
+  EXPECT_EQ(InifileSaveValueA(INIFILE_TOP_SECTION, "new", "2", file), 1);
+  EXPECT_EQ(saved(), "new=2\n[S]\n# c\nA=3\nb=\n[T]\n");
 }
 
 TEST_F(IniValues, CommentsAreSetWhereverTheyBelong) {
@@ -100,37 +83,39 @@ TEST_F(IniValues, CommentsAreSetWhereverTheyBelong) {
 TEST_F(IniValues, RefusesWhatNamesNothing) {
   given("[S]\n");
   char buf[8];
-  EXPECT_EQ(InifileGetValueA("S", "k", nullptr, 8, "", file), 0);
-  EXPECT_EQ(InifileGetValueA("S", "k", buf, 0, "", file), 0);
-  EXPECT_EQ(InifileGetValueA("S", "k", buf, 8, "7", nullptr), -2);  // the default all the same
-  EXPECT_EQ(InifileSaveValueA("", "k", "", file), -1);
-  EXPECT_EQ(InifileDeleteValueA("", nullptr, file), -1);
-  EXPECT_EQ(InifileDeleteValueA("T", "k", file), -1);
-  EXPECT_EQ(InifileValueExistsA("S", "k", nullptr), -3);
-  EXPECT_EQ(InifileValueExistsA("", "k", file), -2);
-  EXPECT_EQ(InifileValueExistsA("T", "k", file), -2);
-  EXPECT_EQ(InifileValueExistsA("S", "k", file), -1);
-  EXPECT_EQ(InifileValueExistsA("S", "", file), 0);
-  EXPECT_EQ(InifileSaveCommentA("", "k", "# c", file), -1);
-  EXPECT_EQ(InifileGetCommentA("S", "k", buf, 0, file), -1);
-  EXPECT_EQ(errno, ENOMEM);
-  EXPECT_EQ(InifileLoadA(nullptr), -1);
-  EXPECT_THAT(reports.take(),
-              ElementsAre(error(EINVAL, "inifileGetNthValue: invalid NULL parameter or buflen"),
-                          error(EINVAL, "inifileGetNthValue: invalid NULL parameter or buflen"),
-                          error(EINVAL, "inifileSaveValue: invalid NULL parameter"),
-                          error(EINVAL, "inifileSaveValue: invalid NULL parameter"),
-                          error(EINVAL, "InifileDeleteValueA: invalid NULL or empty parameter"),
-                          error(ENOENT, "InifileDeleteValueA: cannot find section"),
-                          error(ENOENT, "InifileValueExistsA: cannot find inifile contents"),
-                          error(EINVAL, "InifileValueExistsA: invalid NULL or empty section"),
-                          Report{KEL_LOG_INFO, ENOENT,
-                                 "InifileValueExistsA: section (T) does not exist in inifile (" +
-                                     path + ")"},
-                          Report{KEL_LOG_INFO, ENOENT, "InifileValueExistsA: entry does not exist"},
-                          error(EINVAL, "InifileSaveCommentA: invalid NULL or empty section"),
-                          error(ENOMEM, "InifileGetCommentA: invalid NULL parameter"),
-                          error(EINVAL, "InifileLoadA: invalid NULL parameter")));
+  const auto get_value = [&](char* to, int size, const char* name) {
+    return InifileGetValueA("S", "k", to, size, "7", name);
+  };
+  const std::string no_buffer = "inifileGetNthValue: invalid NULL parameter or buflen";
+  const std::string no_section = "inifileSaveValue: invalid NULL parameter";
+  expect_refused(
+      reports,
+      {{EINVAL, no_buffer, [&] { return get_value(nullptr, 8, file) == 0; }},
+       {EINVAL, no_buffer, [&] { return get_value(buf, 0, file) == 0; }},
+       {EINVAL, no_section, [&] { return get_value(buf, 8, nullptr) == -2; }},  // handed out anyway
+       {EINVAL, no_section, [&] { return InifileSaveValueA("", "k", "", file) == -1; }},
+       {EINVAL, "InifileDeleteValueA: invalid NULL or empty parameter",
+        [&] { return InifileDeleteValueA("", nullptr, file) == -1; }},
+       {ENOENT, "InifileDeleteValueA: cannot find section",
+        [&] { return InifileDeleteValueA("T", "k", file) == -1; }},
+       {ENOENT, "InifileValueExistsA: cannot find inifile contents",
+        [&] { return InifileValueExistsA("S", "k", nullptr) == -3; }},
+       {EINVAL, "InifileValueExistsA: invalid NULL or empty section",
+        [&] { return InifileValueExistsA("", "k", file) == -2; }},
+       {EINVAL, "InifileSaveCommentA: invalid NULL or empty section",
+        [&] { return InifileSaveCommentA("", "k", "# c", file) == -1; }},
+       {ENOMEM, "InifileGetCommentA: invalid NULL parameter",
+        [&] { return InifileGetCommentA("S", "k", buf, 0, file) == -1; }},
+       {EINVAL, "InifileLoadA: invalid NULL parameter", [] { return InifileLoadA(nullptr) == -1; }},
+       {EINVAL, "IniFileLoadAndSaveAsA: invalid NULL parameter",
+        [&] { return IniFileLoadAndSaveAsA(nullptr, file, 1) == -1; }}});
+  EXPECT_EQ(exists("T", "k"), -2);
+  EXPECT_EQ(exists("S", "k"), -1);
+  EXPECT_EQ(exists("S", ""), 0);
+  const std::string no_such = "InifileValueExistsA: section (T) does not exist in inifile (";
+  EXPECT_THAT(reports.take(), ElementsAre(Report{KEL_LOG_INFO, ENOENT, no_such + path + ")"},
+                                          Report{KEL_LOG_INFO, ENOENT,
+                                                 "InifileValueExistsA: entry does not exist"}));
 }
 
 // The model is what the text says: lists of sections and keys, searched from the front.

@@ -16,6 +16,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <new>
 #include <random>
 #include <thread>
@@ -26,9 +27,7 @@
 
 namespace {
 
-using kel::testing::Fault;
-using kel::testing::Hooked;
-using kel::testing::ReportCapture;
+using namespace kel::testing;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -65,7 +64,6 @@ TEST_F(Accounting, CountsWhatIsAliveAndNotWhatFailed) {
   EXPECT_TRUE(std::all_of(b, b + 5 * kMega, [](char c) { return c == 0; }));
   EXPECT_EQ(reinterpret_cast<uintptr_t>(a) % alignof(std::max_align_t), 0u);
   std::memset(a, 'a', 10 * kMega);
-
   {
     errno = 0;
     EXPECT_EQ(XMalloc(0, SIZE_MAX), nullptr);
@@ -80,39 +78,31 @@ TEST_F(Accounting, CountsWhatIsAliveAndNotWhatFailed) {
     EXPECT_EQ(XRealloc(0, a, kMega), nullptr);
   }
   EXPECT_EQ(usage(), libcr("15.00")) << "the old block stays counted";
-
   a = static_cast<char*>(XRealloc(0, a, 20 * kMega));
   EXPECT_TRUE(std::all_of(a, a + 10 * kMega, [](char c) { return c == 'a'; }));
   EXPECT_EQ(usage(), libcr("25.00"));
   a = static_cast<char*>(XRealloc(0, a, kMega));
   EXPECT_EQ(usage(), libcr("6.00"));
-  XFree(0, a);
-  XFree(0, b);
-  XFree(0, nullptr);
+  for (void* block : {static_cast<void*>(a), static_cast<void*>(b), static_cast<void*>(nullptr)})
+    XFree(0, block);
   XFree(3, elsewhere);
   EXPECT_EQ(usage(), libcr("0.00"));
-}
 
-TEST_F(Accounting, IsThatOfTheCLibraryUnlessAskedFor) {
-  for (const char* off : {"0", "", "yes"}) {
+  for (const char* off : {"0", "", "yes"}) {  // then blocks are those of the C library
     count_when(off);
-    void* block = XRealloc(0, XMalloc(0, 10), 20);
-    std::free(block);
-    block = std::malloc(5);
-    XFree(0, block);
+    std::free(XRealloc(0, XMalloc(0, 10), 20));
+    XFree(0, std::malloc(5));
     EXPECT_EQ(XCalloc(0, SIZE_MAX / 2, 3), nullptr);
     EXPECT_THAT(usage(), IsEmpty());
   }
   void* block = std::malloc(5);
   _KelFree(&block);
   EXPECT_EQ(block, nullptr);
-  _KelFree(&block);
 }
 
 TEST_F(Accounting, AllocatorsCountFromManyThreads) {
   KelAllocator store("datastore", true);
   std::vector<std::thread> threads;
-  threads.reserve(4);
   for (int t = 0; t < 4; ++t)
     threads.emplace_back([&store, t] {
       for (int i = 0; i < 2000; ++i) store.Free(store.Alloc(100), 100);
@@ -133,7 +123,7 @@ TEST_F(Accounting, AllocatorsCountFromManyThreads) {
 
   struct rlimit stack = {};
   getrlimit(RLIMIT_STACK, &stack);
-  EXPECT_EQ(datastore_thread_size_decre(0), 0);
+  EXPECT_EQ(datastore_thread_size_decre(0), 0);  // 0 stands for the default size of a stack
   EXPECT_EQ(datastore_thread_total_size,
             static_cast<long>(3 * kMega) - static_cast<long>(stack.rlim_cur));
   {
@@ -143,67 +133,28 @@ TEST_F(Accounting, AllocatorsCountFromManyThreads) {
   datastore_thread_size_incre(0);
   datastore_thread_size_decre(3 * kMega);
   datastore_malloc_size_decre(2 * kMega);
-
+  store.Report();
   KelAllocator::GetDefaultAllocator()->Report();
-  EXPECT_THAT(reports_.take_texts(), IsEmpty());
+  EXPECT_THAT(reports_.take_texts(), ElementsAre("Memory usage of datastore: 0.00 MB"));
 }
 
-// Six callbacks (two functions, three contexts) that now and then add, remove and call while they
-// run. The library and a model play the same script, each with the decisions of the same seed.
-struct Script {
-  virtual ~Script() = default;
-  virtual void add(int fn, int context) = 0;
-  virtual void remove(int fn, int context) = 0;  // -1 matches any
-  virtual void call() = 0;
-
-  int draw(int count) { return std::uniform_int_distribution(0, count - 1)(random); }
-  void change() {
-    switch (draw(3)) {
-      case 0:
-        return add(draw(2), draw(3));
-      case 1:
-        return remove(draw(2), draw(3));
-      default:
-        return remove(draw(4) - 2 < 0 ? -1 : draw(2), draw(4) == 0 ? draw(3) : -1);
-    }
-  }
-  void called(int fn, int context) {
-    calls.push_back(fn * 3 + context);
-    if (draw(4) == 0) change();
-    if (depth < 3 && draw(6) == 0) call();
-  }
-  std::vector<int> play(unsigned seed) {
-    random.seed(seed);
-    for (int step = 0; step < 200; ++step) {
-      for (int i = draw(6); i > 0; --i) add(draw(2), draw(3));
-      if (draw(3) == 0) change();
-      call();
-      calls.push_back(-1);
-      remove(-1, -1);
-    }
-    return calls;
-  }
-
-  std::mt19937 random;
-  std::vector<int> calls;
-  int depth = 0;
-};
-
-struct Model final : Script {
+/// What the library's list has to do, in a vector. Callbacks are two functions with three contexts;
+/// -1 matches any of them.
+struct PlainList {
   struct Node {
     int fn, context, count;
   };
-  void add(int fn, int context) override {
+  void add(int fn, int context) {
     for (Node& node : nodes)
       if (node.fn == fn && node.context == context) return void(++node.count);
     nodes.push_back({fn, context, 1});
   }
-  void remove(int fn, int context) override {
+  void remove(int fn, int context) {
     for (Node& node : nodes)
       if ((fn < 0 || node.fn == fn) && (context < 0 || node.context == context)) --node.count;
     collect();
   }
-  void call() override {
+  void call(std::function<void(int, int)>& called) {
     ++depth;
     for (size_t i = 0; i < nodes.size(); ++i)
       for (int n = nodes[i].count; n > 0; --n) called(nodes[i].fn, nodes[i].context);
@@ -213,39 +164,66 @@ struct Model final : Script {
   void collect() {
     if (depth == 0) std::erase_if(nodes, [](const Node& node) { return node.count <= 0; });
   }
+
   std::vector<Node> nodes;
+  int depth = 0;
 };
 
-struct Library final : Script {
-  struct Context {
-    int number;
-  };
+struct LibraryList {
   template <int Fn>
-  static void callback(void* first, void* second, void* context) {
+  static void callback(void* called, void* second, void* context) {
     EXPECT_EQ(second, nullptr);
-    static_cast<Library*>(first)->called(Fn, static_cast<Context*>(context)->number);
+    (*static_cast<std::function<void(int, int)>*>(called))(Fn, *static_cast<int*>(context));
   }
-  kelCallbackFn function(int fn) { return fn < 0 ? nullptr : fn == 0 ? callback<0> : callback<1>; }
-  void add(int fn, int context) override {
-    list = kelCallbackAdd(list, function(fn), &contexts[context]);
+  ~LibraryList() { kelCallbackListDelete(list); }
+  void add(int fn, int context) { list = kelCallbackAdd(list, functions[fn], &contexts[context]); }
+  void remove(int fn, int context) {
+    list = kelCallbackRemove(list, fn < 0 ? nullptr : functions[fn],
+                             context < 0 ? nullptr : &contexts[context]);
   }
-  void remove(int fn, int context) override {
-    list = kelCallbackRemove(list, function(fn), context < 0 ? nullptr : &contexts[context]);
+  void call(std::function<void(int, int)>& called) {
+    list = kelCallCallbackList(list, &called, nullptr);
   }
-  void call() override {
-    ++depth;
-    list = kelCallCallbackList(list, this, nullptr);
-    --depth;
-  }
-  ~Library() override { kelCallbackListDelete(list); }
 
-  Context contexts[3] = {{0}, {1}, {2}};
+  const kelCallbackFn functions[2] = {callback<0>, callback<1>};
+  int contexts[3] = {0, 1, 2};
   kelCallback* list = nullptr;
 };
 
+/// Plays with callbacks that now and then add, remove and call while they run; the calls made.
+template <class List>
+std::vector<int> play(unsigned seed) {
+  List list;
+  std::mt19937 random(seed);
+  const auto draw = [&](int count) { return std::uniform_int_distribution(0, count - 1)(random); };
+  const auto change = [&] {
+    const int fn = draw(2), context = draw(3);
+    if (draw(3) == 0) return list.add(fn, context);
+    list.remove(draw(3) == 0 ? -1 : fn, draw(2) == 0 ? -1 : context);
+  };
+  std::vector<int> calls;
+  int depth = 0;
+  std::function<void(int, int)> called = [&](int fn, int context) {
+    calls.push_back(fn * 3 + context);
+    if (draw(4) == 0) change();
+    if (depth == 3 || draw(6) != 0) return;
+    ++depth;
+    list.call(called);
+    --depth;
+  };
+  for (int step = 0; step < 200; ++step) {
+    for (int i = draw(6); i > 0; --i) list.add(draw(2), draw(3));
+    if (draw(3) == 0) change();
+    list.call(called);
+    calls.push_back(-1);
+    list.remove(-1, -1);
+  }
+  return calls;
+}
+
 TEST(Callbacks, AgreeWithAModelWhileTheyChangeTheirOwnList) {
   for (unsigned seed = 1; seed <= 20; ++seed)
-    ASSERT_EQ(Library().play(seed), Model().play(seed)) << "seed " << seed;
+    ASSERT_EQ(play<LibraryList>(seed), play<PlainList>(seed)) << "seed " << seed;
 }
 
 TEST(Callbacks, SayWhatTheyCollectAndSurviveALackOfMemory) {
@@ -268,34 +246,28 @@ TEST(Callbacks, SayWhatTheyCollectAndSurviveALackOfMemory) {
   Fault<"malloc", void*(size_t)> full(1, nullptr, ENOMEM);
   EXPECT_EQ(kelCallbackAdd(nullptr, nothing, nullptr), nullptr);
   EXPECT_EQ(errno, ENOMEM);
-  EXPECT_THAT(reports.take(), ElementsAre(::testing::Field(&kel::testing::Report::code, 90)));
+  EXPECT_THAT(reports.take(), ElementsAre(::testing::Field(&Report::code, 90)));
 }
 
-TEST(Clocks, AgreeWithTheSystem) {
-  const time_t before = time(nullptr);
+TEST(Clocks, AgreeWithTheSystemAndEachOther) {
+  _KelLibInit("test", "6");
+  const unsigned ticks = GetTickCount();
   const unsigned long micros = gethrtime();
   const unsigned long millis = get_millis();
-  EXPECT_NEAR(hrtime2seconds(static_cast<long>(micros)), static_cast<double>(before), 2);
+  EXPECT_NEAR(hrtime2seconds(static_cast<long>(micros)), static_cast<double>(time(nullptr)), 2);
   EXPECT_NEAR(static_cast<double>(millis), static_cast<double>(micros) / 1000, 1000);
   EXPECT_LT(get_only_ms(), 1000);
   EXPECT_EQ(seconds2hrtime(-1.9999999), -1999999);
   EXPECT_EQ(hrtime2seconds(1500000), 1.5);
-}
-
-TEST(Clocks, TicksCountMillisecondsAndFallBack) {
-  _KelLibInit("test", "6");
-  const unsigned ticks = GetTickCount();
-  const unsigned long start = get_millis();
   EXPECT_EQ(KelSleep(1), 0);
   EXPECT_NEAR(static_cast<double>(GetTickCount() - ticks),
-              static_cast<double>(get_millis() - start), 50);
+              static_cast<double>(get_millis() - millis), 50);
 
   ReportCapture reports;
   Fault<"times", clock_t(struct tms*)> broken(1, -1, EFAULT);
   const unsigned instead = GetTickCount();
   EXPECT_LT(static_cast<unsigned>(get_millis()) - instead, 1000u);
-  EXPECT_THAT(reports.take(),
-              ElementsAre(kel::testing::warning(-1, "GetTickCount: times failed: Bad address")));
+  EXPECT_THAT(reports.take(), ElementsAre(warning(-1, "GetTickCount: times failed: Bad address")));
   KelLibDestroy();
 }
 
@@ -306,9 +278,7 @@ TEST(Sleep, EndsEarlyForASignalAndTellsWhatIsLeft) {
   sigaction(SIGALRM, &action, &before);
   const struct itimerval soon = {{0, 0}, {0, 50'000}};
   setitimer(ITIMER_REAL, &soon, nullptr);
-  const long left = KelSleep(30);
-  EXPECT_GE(left, 25);
-  EXPECT_LE(left, 30);
+  EXPECT_THAT(KelSleep(30), ::testing::AllOf(::testing::Ge(25), ::testing::Le(30)));
   setitimer(ITIMER_REAL, &soon, nullptr);
   EXPECT_EQ(KelSleep(1), 1) << "at least one";
   sigaction(SIGALRM, &before, nullptr);

@@ -4,256 +4,149 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <random>
 #include <string>
+#include <type_traits>
 
 #include "support/reports.h"
 
 namespace {
 
 using kel::testing::error;
+using kel::testing::Report;
 using kel::testing::ReportCapture;
 using kel::testing::warning;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
-TEST(Strings, CopyReportsWhatDidNotFitAndKeepsTheTerminatedPrefix) {
-  ReportCapture reports;
-  char buf[8];
-  EXPECT_EQ(kelstrcpy(buf, "abc", 4), buf);
-  EXPECT_STREQ(buf, "abc");
-  EXPECT_THAT(reports.take(), IsEmpty());
+/// A function of the family, narrow or wide, with or without a limit of the source.
+template <class R, class Char, class... Limit>
+struct Member {
+  using Text = std::basic_string<Char>;
+  static constexpr bool kSized = std::is_same_v<R, size_t>;  // gives the size that is needed
+  static constexpr bool kLimited = sizeof...(Limit) != 0;
 
-  errno = 0;
-  EXPECT_EQ(kelstrcpy(buf, "abcd", 4), nullptr);
-  EXPECT_STREQ(buf, "abc");
-  EXPECT_EQ(errno, ENOBUFS);
-  EXPECT_THAT(reports.take(),
-              ElementsAre(warning(105, "kelstrcpy: insufficient buffer, src:abcd, dst size=4")));
+  R (*function)(Char*, const Char*, size_t, Limit...);
+  std::string name;
+  std::string copies_as = name;  // a join reports under the name of its copy
+  bool reports_null_source = true;
 
-  EXPECT_EQ(kelstrcpy(buf, "", 1), buf);
-  EXPECT_EQ(kelstrcpy(buf, "a", 1), nullptr);
-  EXPECT_STREQ(buf, "");
-  reports.take();
-
-  EXPECT_EQ(kelstrncpy(buf, "abcdef", 4, 2), buf);
-  EXPECT_STREQ(buf, "ab");
-  EXPECT_EQ(kelstrncpy(buf, "abcdef", 4, 3), buf);
-  EXPECT_EQ(kelstrncpy(buf, "abcdef", 4, 0), buf);
-  EXPECT_STREQ(buf, "");
-  EXPECT_THAT(reports.take(), IsEmpty());
-  EXPECT_EQ(kelstrncpy(buf, "abcdef", 4, 5), nullptr);
-  EXPECT_STREQ(buf, "abc");
-  EXPECT_THAT(reports.take(), ElementsAre(error(105, "kelstrncpy: insufficient buffer")));
-}
-
-TEST(Strings, SizedCopiesReturnTheSizeThatIsNeeded) {
-  ReportCapture reports;
-  char buf[16];
-  EXPECT_EQ(kelstrlcpy(buf, "abc", 4), 4u);
-  EXPECT_THAT(reports.take(), IsEmpty());
-  EXPECT_EQ(kelstrlcpy(buf, "abcdef", 4), 7u);
-  EXPECT_STREQ(buf, "abc");
-  EXPECT_EQ(kelstrlcpy(nullptr, "abcdef", 4), 7u);
-  EXPECT_EQ(kelstrlcpy(buf, "abcdef", 0), 7u);
-  EXPECT_THAT(reports.take(),
-              ElementsAre(error(105, "kelstrlcpy: insufficient buffer"),
-                          error(105, "kelstrlcpy: invalid NULL or zero-length destination"),
-                          error(105, "kelstrlcpy: invalid NULL or zero-length destination")));
-
-  EXPECT_EQ(kelstrlncpy(buf, "abcdef", 10, 3), 4u);
-  EXPECT_STREQ(buf, "abc");
-  EXPECT_THAT(reports.take(), IsEmpty());
-  EXPECT_EQ(kelstrlncpy(buf, "abcdef", 3, 5), 6u);
-  EXPECT_STREQ(buf, "ab");
-  EXPECT_EQ(kelstrlncpy(nullptr, "abcdef", 3, 0), 1u);
-  EXPECT_THAT(reports.take(),
-              ElementsAre(error(105, "kelstrlncpy: insufficient buffer"),
-                          error(105, "kelstrlncpy: invalid NULL or zero-length destination")));
-}
-
-TEST(Strings, JoinsReportUnderTheNameOfTheStepThatFailed) {
-  ReportCapture reports;
-  char buf[8] = "abc";
-  EXPECT_EQ(kelstrcat(buf, "de", sizeof buf), buf + 3);
-  EXPECT_STREQ(buf, "abcde");
-  std::strcpy(buf, "abc");
-  EXPECT_EQ(kelstrcat(buf, "defgh", sizeof buf), nullptr);
-  EXPECT_STREQ(buf, "abcdefg");
-  EXPECT_THAT(reports.take(),
-              ElementsAre(warning(105, "kelstrcpy: insufficient buffer, src:defgh, dst size=5")));
-
-  std::strcpy(buf, "abc");
-  EXPECT_EQ(kelstrncat(buf, "defgh", sizeof buf, 2), buf + 3);
-  EXPECT_STREQ(buf, "abcde");
-  EXPECT_EQ(kelstrncat(buf, "fghij", sizeof buf, 4), nullptr);
-  EXPECT_THAT(reports.take(), ElementsAre(error(105, "kelstrncpy: insufficient buffer")));
-
-  char full[4] = {'a', 'b', 'c', 'd'};
-  errno = 0;
-  EXPECT_EQ(kelstrcat(full, "x", 4), nullptr);
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_STREQ(full, "abc");
-  EXPECT_EQ(kelstrncat(nullptr, "x", 4, 1), nullptr);
-  wchar_t wide[2] = {L'a', L'b'};
-  EXPECT_EQ(kelwcscat(wide, L"x", 2), nullptr);
-  EXPECT_EQ(kelwcsncat(wide, L"x", 0, 1), nullptr);
-  EXPECT_THAT(reports.take(), ElementsAre(error(22, "kelstrcat: destination too small"),
-                                          error(22, "kelstrncat: destination too small"),
-                                          error(22, "kelwcscat: destination too small"),
-                                          error(22, "kelwcsncat: destination too small")));
-}
-
-TEST(Strings, NullSourcesFollowEachMembersOwnRule) {
-  ReportCapture reports;
-  struct Row {
-    const char* reported;  // name in the message, or null when there is none
-    bool (*call)(bool* terminated);
-  };
-  const Row rows[] = {
-      {"kelstrcpy",
-       [](bool* t) {
-         char b[4] = "xyz";
-         bool r = !kelstrcpy(b, nullptr, 4);
-         *t = !b[0];
-         return r;
-       }},
-      {"kelstrncpy",
-       [](bool* t) {
-         char b[4] = "xyz";
-         bool r = !kelstrncpy(b, nullptr, 4, 2);
-         *t = !b[0];
-         return r;
-       }},
-      {"kelstrlcpy",
-       [](bool* t) {
-         char b[4] = "xyz";
-         bool r = !kelstrlcpy(b, nullptr, 4);
-         *t = !b[0];
-         return r;
-       }},
-      {nullptr,
-       [](bool* t) {
-         char b[4] = "xyz";
-         bool r = !kelstrlncpy(b, nullptr, 4, 2);
-         *t = !b[0];
-         return r;
-       }},
-      {"kelstrcpy",
-       [](bool* t) {
-         char b[4] = "";
-         bool r = !kelstrcat(b, nullptr, 4);
-         *t = !b[0];
-         return r;
-       }},
-      {"kelstrncpy",
-       [](bool* t) {
-         char b[4] = "";
-         bool r = !kelstrncat(b, nullptr, 4, 2);
-         *t = !b[0];
-         return r;
-       }},
-      {nullptr,
-       [](bool* t) {
-         wchar_t b[4] = L"x";
-         bool r = !kelwcscpy(b, nullptr, 4);
-         *t = !b[0];
-         return r;
-       }},
-      {"kelwcsncpy",
-       [](bool* t) {
-         wchar_t b[4] = L"x";
-         bool r = !kelwcsncpy(b, nullptr, 4, 2);
-         *t = !b[0];
-         return r;
-       }},
-      {"kelwcslcpy",
-       [](bool* t) {
-         wchar_t b[4] = L"x";
-         bool r = !kelwcslcpy(b, nullptr, 4);
-         *t = !b[0];
-         return r;
-       }},
-      {"kelwcslncpy",
-       [](bool* t) {
-         wchar_t b[4] = L"x";
-         bool r = !kelwcslncpy(b, nullptr, 4, 2);
-         *t = !b[0];
-         return r;
-       }},
-      {nullptr,
-       [](bool* t) {
-         wchar_t b[4] = L"";
-         bool r = !kelwcscat(b, nullptr, 4);
-         *t = !b[0];
-         return r;
-       }},
-      {"kelwcsncpy",
-       [](bool* t) {
-         wchar_t b[4] = L"";
-         bool r = !kelwcsncat(b, nullptr, 4, 2);
-         *t = !b[0];
-         return r;
-       }},
-  };
-  for (const Row& row : rows) {
-    errno = 0;
-    bool terminated = false;
-    EXPECT_TRUE(row.call(&terminated));
-    EXPECT_TRUE(terminated);
-    EXPECT_EQ(errno, EINVAL);
-    const auto taken = reports.take();
-    if (row.reported == nullptr)
-      EXPECT_THAT(taken, IsEmpty());
+  bool joins() const { return name != copies_as; }
+  R call(Char* dst, const Char* src, size_t capacity, size_t limit) const {
+    if constexpr (kLimited)
+      return function(dst, src, capacity, limit);
     else
-      EXPECT_THAT(taken, ElementsAre(error(
-                             22, std::string(row.reported) + ": invalid NULL src parameter")));
+      return function(dst, src, capacity);
   }
+};
+
+void for_each_member(auto check) {
+  check(Member{kelstrcpy, "kelstrcpy"});
+  check(Member{kelstrncpy, "kelstrncpy"});
+  check(Member{kelstrlcpy, "kelstrlcpy"});
+  check(Member{kelstrlncpy, "kelstrlncpy", "kelstrlncpy", false});
+  check(Member{kelstrcat, "kelstrcat", "kelstrcpy"});
+  check(Member{kelstrncat, "kelstrncat", "kelstrncpy"});
+  check(Member{kelwcscpy, "kelwcscpy", "kelwcscpy", false});
+  check(Member{kelwcsncpy, "kelwcsncpy"});
+  check(Member{kelwcslcpy, "kelwcslcpy"});
+  check(Member{kelwcslncpy, "kelwcslncpy"});
+  check(Member{kelwcscat, "kelwcscat", "kelwcscpy", false});
+  check(Member{kelwcsncat, "kelwcsncat", "kelwcsncpy"});
 }
 
-TEST(Strings, WideCutsAreErrorsWithoutTheText) {
+TEST(Strings, AllMembersAgreeWithAModelAndStayInsideTheBuffer) {
   ReportCapture reports;
-  wchar_t buf[4];
-  EXPECT_EQ(kelwcscpy(buf, L"abcd", 4), nullptr);
-  EXPECT_EQ(std::wstring(buf), L"abc");
-  EXPECT_EQ(kelwcsncpy(buf, L"abcdef", 4, 3), buf);
-  EXPECT_EQ(kelwcslcpy(buf, L"abcdef", 4), 7u);
-  EXPECT_EQ(kelwcslncpy(buf, L"abcdef", 4, 5), 6u);
-  EXPECT_THAT(reports.take(), ElementsAre(error(105, "kelwcscpy: insufficient buffer"),
-                                          error(105, "kelwcslcpy: insufficient buffer"),
-                                          error(105, "kelwcslncpy: insufficient buffer")));
+  for_each_member([&]<class R, class Char, class... Limit>(const Member<R, Char, Limit...>& m) {
+    using Text = std::basic_string<Char>;
+    std::mt19937 random(1);
+    for (int round = 0; round < 3000; ++round) {
+      const Text src(random() % 12, static_cast<Char>('a' + random() % 26));
+      const Text head(m.joins() ? random() % 4 : 0, '<');
+      const size_t capacity = 1 + random() % 12, limit = random() % 14;
+      SCOPED_TRACE(m.name + " of " + std::string(src.begin(), src.end()) + " behind " +
+                   std::to_string(head.size()) + " in " + std::to_string(capacity) + ", limit " +
+                   std::to_string(limit));
+      Text area = head + Text(m.joins(), 0);
+      area.resize(20, '#');
+
+      const Text wanted = m.kLimited ? src.substr(0, limit) : src;
+      Text expected = head + wanted;
+      int code = 0;
+      std::vector<Report> reported;
+      if (head.size() >= capacity) {
+        expected = head.substr(0, capacity - 1);
+        reported = {error(code = EINVAL, m.name + ": destination too small")};
+      } else if (expected.size() >= capacity) {
+        expected.resize(capacity - 1);
+        const std::string text = m.copies_as + ": insufficient buffer";
+        code = ENOBUFS;
+        reported = {
+            m.copies_as != "kelstrcpy"
+                ? error(code, text)
+                : warning(code, text + ", src:" + std::string(src.begin(), src.end()) +
+                                    ", dst size=" + std::to_string(capacity - head.size()))};
+      }
+      const Text before = area;
+      errno = 0;
+      const R result = m.call(area.data(), src.c_str(), capacity, limit);
+      if constexpr (m.kSized)
+        ASSERT_EQ(result, wanted.size() + 1);
+      else
+        ASSERT_EQ(result, code == 0 ? area.data() + head.size() : nullptr);
+      ASSERT_EQ(errno, code);
+      ASSERT_EQ(reports.take(), reported);
+      const size_t end = expected.size() + 1;
+      ASSERT_EQ(area.substr(0, end), expected + Char(0));
+      ASSERT_EQ(area.substr(end), before.substr(end));
+    }
+  });
 }
 
-// The family against a plain model of what a bounded copy is, over random sizes and texts.
-TEST(Strings, AgreesWithAModelAndStaysInsideTheBuffer) {
-  ReportCapture reports(KEL_LOG_NONE);
-  std::mt19937 random(1);
-  for (int round = 0; round < 20000; ++round) {
-    const std::string src(random() % 12, static_cast<char>('a' + random() % 26));
-    const size_t capacity = 1 + random() % 10;
-    const size_t n = random() % 14;
-    std::string area(16, '#');
-    const std::string wanted = src.substr(0, n);
-    const bool fits = wanted.size() < capacity;
-    EXPECT_EQ(kelstrncpy(area.data(), src.c_str(), capacity, n), fits ? area.data() : nullptr);
-    const std::string kept = wanted.substr(0, capacity - 1);
-    ASSERT_STREQ(area.c_str(), kept.c_str());
-    ASSERT_EQ(area.substr(kept.size() + 1), std::string(15 - kept.size(), '#'));
-    ASSERT_EQ(kelstrlncpy(area.data(), src.c_str(), capacity, n), std::min(src.size(), n) + 1);
-  }
+TEST(Strings, NullSourcesAndMissingRoomFollowEachMembersOwnRule) {
+  ReportCapture reports;
+  for_each_member([&]<class R, class Char, class... Limit>(const Member<R, Char, Limit...>& m) {
+    SCOPED_TRACE(m.name);
+    Char buf[4] = {static_cast<Char>(m.joins() ? 0 : 'x')};
+    errno = 0;
+    EXPECT_FALSE(m.call(buf, nullptr, 4, 2));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(buf[0], 0);
+    std::vector<Report> expected;
+    if (m.reports_null_source)
+      expected = {error(EINVAL, m.copies_as + ": invalid NULL src parameter")};
+    EXPECT_EQ(reports.take(), expected);
+
+    const Char src[] = {'a', 'b', 'c', 0};
+    buf[0] = 'x';
+    for (Char* const dst : {static_cast<Char*>(nullptr), buf}) {
+      const R result = m.call(dst, src, dst == nullptr ? 4 : 0, 2);
+      if constexpr (m.kSized)
+        EXPECT_EQ(result, m.kLimited ? 3u : 4u);
+      else
+        EXPECT_EQ(result, nullptr);
+    }
+    EXPECT_EQ(buf[0], 'x');
+    const Report no_room =
+        m.joins() ? error(EINVAL, m.name + ": destination too small")
+                  : error(ENOBUFS, m.name + ": invalid NULL or zero-length destination");
+    EXPECT_THAT(reports.take(), ElementsAre(no_room, no_room));
+  });
 }
 
 TEST(Strings, LengthAndSearchAnswerForMissingTerminatorsAndNulls) {
-  errno = 0;
-  EXPECT_EQ(kelstrlen("abc", 10), 3u);
-  EXPECT_EQ(kelwcslen(L"abc", 4), 3u);
-  EXPECT_EQ(errno, 0);
-  EXPECT_EQ(kelstrlen("abc", 2), 2u);
-  EXPECT_EQ(errno, EINVAL);
-  errno = 0;
-  EXPECT_EQ(kelwcslen(nullptr, 7), 7u);
-  EXPECT_EQ(errno, EINVAL);
+  const auto check_lengths = [](auto length, auto text) {
+    errno = 0;
+    EXPECT_EQ(length(text, 10), 3u);
+    EXPECT_EQ(length(text, 4), 3u);
+    EXPECT_EQ(errno, 0);
+    EXPECT_EQ(length(text, 3), 3u);
+    EXPECT_EQ(errno, EINVAL);
+    errno = 0;
+    EXPECT_EQ(length(nullptr, 7), 7u);
+    EXPECT_EQ(errno, EINVAL);
+  };
+  check_lengths(kelstrlen, "abc");
+  check_lengths(kelwcslen, L"abc");
 
   const char* text = "path;rest";
   EXPECT_EQ(kelstrpbrk(text, ":;"), text + 4);
@@ -268,7 +161,6 @@ TEST(Strings, SanitizeHidesEveryPasswordValue) {
       {"user=joe password=secret;port=7", "user=joe password=*;port=7"},
       {"Passwd  abc def", "Passwd  * def"},
       {"nothing here: passwor", "nothing here: passwor"},
-      {"password=", "password="},
       {"password = ", "password = "},
       {"PASSWORD=;x", "PASSWORD=;x"},
       {"password=x", "password=*"},

@@ -1,26 +1,13 @@
 #include <kel/url.h>
 
-#include <gmock/gmock.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <iterator>
-#include <memory>
-#include <random>
-#include <string>
 
-#include "support/import_hook.h"
-#include "support/reports.h"
-#include "text/peer.h"
+#include "text/text_fixture.h"
 
 namespace {
 
-using kel::testing::error;
-using kel::testing::Fault;
-using kel::testing::ReportCapture;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
+using namespace kel::testing;
 
 std::string encode(const std::string& text) {
   std::string out(3 * text.size() + 1, '#');
@@ -69,7 +56,8 @@ TEST(Url, DecodesEscapesPlusAndCodePoints) {
     const char *text, *bytes, *utf8;
     const wchar_t* wide;
   };
-  // What an escape of other characters than digits gives follows from their codes.
+  // What an escape of other characters than digits gives follows from their
+  // codes.
   const Row rows[] = {{"a+b%41", "a bA", "a bA", L"a bA"},
                       {"%u0041", "%u0041", "A", L"A"},
                       {"%E9", "\xE9", "\xC3\xA9", L"\u00E9"},
@@ -94,49 +82,43 @@ TEST(Url, DecodesEscapesPlusAndCodePoints) {
 
 TEST(Url, GoesThereAndBackAndAgreesWithPython) {
   std::mt19937 random(5);
-  const std::string bytes = kel::testing::random_bytes(random, 5000);
+  const std::string bytes = random_bytes(random, 5000);
   std::string text = "\x80\xFF +%";
   std::copy_if(bytes.begin(), bytes.end(), std::back_inserter(text), [](char c) { return c != 0; });
   const std::string encoded = encode(text);
   EXPECT_EQ(decode(encoded), text);
   if (std::system("command -v python3 >/dev/null") != 0) GTEST_SKIP() << "no python3";
-  EXPECT_EQ(kel::testing::filtered("python3 -c 'import sys, urllib.parse as u; "
-                                   "sys.stdout.buffer.write(u.unquote_to_bytes(sys.stdin.read()))'",
-                                   encoded),
+  EXPECT_EQ(filtered("python3 -c 'import sys, urllib.parse as u; "
+                     "sys.stdout.buffer.write(u.unquote_to_bytes(sys.stdin.read()))'",
+                     encoded),
             text);
 }
 
 TEST(Url, NewTextsAndStreamsSurviveFailures) {
   ReportCapture reports;
-  const std::unique_ptr<char, decltype(&std::free)> text(URLEncodeW_malloced(L"\u20AC\u20AC"),
-                                                         std::free);
-  EXPECT_STREQ(text.get(), "%u20AC%u20AC");
-  const std::unique_ptr<wchar_t, decltype(&std::free)> wide(URLDecodeW_malloced(text.get()),
-                                                            std::free);
-  EXPECT_STREQ(wide.get(), L"\u20AC\u20AC");
-
   char printed[16] = "";
   FILE* stream = fmemopen(printed, sizeof printed, "w");
-  EXPECT_EQ(fprint_urlencoded(stream, "a b"), 0);
+  const long failed = fail_each<"malloc", void*(size_t)>(nullptr, ENOMEM, [&] {
+    errno = 0;
+    std::rewind(stream);
+    const NewText<char> text(URLEncodeW_malloced(L"\u20AC\u20AC"));
+    const NewText<wchar_t> wide(URLDecodeW_malloced("%u20AC+"));
+    const bool whole = fprint_urlencoded(stream, "a b") == 0 && text != nullptr && wide != nullptr;
+    EXPECT_EQ(errno, whole ? 0 : ENOMEM);
+    EXPECT_STREQ(text.get(), text == nullptr ? nullptr : "%u20AC%u20AC");
+    EXPECT_STREQ(wide.get(), wide == nullptr ? nullptr : L"\u20AC ");
+  });
+  EXPECT_EQ(failed, 3);
   std::fflush(stream);
   EXPECT_STREQ(printed, "a%20b");
-  EXPECT_EQ(fprint_urlencoded(nullptr, "a"), -1);
-  EXPECT_EQ(fprint_urlencoded(stream, nullptr), -1);
-  EXPECT_THAT(reports.take_texts(), ElementsAre("fprint_urlencoded: invalid NULL parameter",
-                                                "fprint_urlencoded: invalid NULL parameter"));
-  const auto without_memory = [&](auto call) {
-    const Fault<"malloc", void*(size_t)> fault(1, nullptr, ENOMEM);
-    errno = 0;
-    call();
-    EXPECT_EQ(errno, ENOMEM);
-  };
-  without_memory([&] { EXPECT_EQ(fprint_urlencoded(stream, "a"), -1); });
-  without_memory([&] { EXPECT_EQ(URLEncodeW_malloced(L"a"), nullptr); });
-  without_memory([&] { EXPECT_EQ(URLDecodeW_malloced("a"), nullptr); });
   EXPECT_THAT(reports.take(),
-              ElementsAre(error(ENOMEM, "fprint_urlencoded: could not allocate memory"),
-                          error(ENOMEM, "URLEncodeW_malloced: could not allocate memory"),
-                          error(ENOMEM, "URLDecodeW_malloced: could not allocate memory")));
+              ElementsAre(error(ENOMEM, "URLEncodeW_malloced: could not allocate memory"),
+                          error(ENOMEM, "URLDecodeW_malloced: could not allocate memory"),
+                          error(ENOMEM, "fprint_urlencoded: could not allocate memory")));
+  expect_refused(reports, {{EINVAL, "fprint_urlencoded: invalid NULL parameter",
+                            [&] { return fprint_urlencoded(nullptr, "a") == -1; }},
+                           {EINVAL, "fprint_urlencoded: invalid NULL parameter",
+                            [&] { return fprint_urlencoded(stream, nullptr) == -1; }}});
   std::fclose(stream);
 }
 

@@ -1,33 +1,18 @@
 #include <kel/charconv.h>
 
-#include <gmock/gmock.h>
 #include <iconv.h>
 
-#include <cerrno>
 #include <cstdint>
-#include <cstring>
-#include <memory>
-#include <random>
-#include <string>
-#include <string_view>
 
-#include "support/import_hook.h"
-#include "support/reports.h"
-#include "text/peer.h"
+#include "text/text_fixture.h"
 
 namespace {
 
-using kel::testing::error;
-using kel::testing::filtered;
-using kel::testing::ReportCapture;
-using ::testing::ElementsAre;
+using namespace kel::testing;
 
-using Wide = std::unique_ptr<wchar_t, decltype(&utf8free)>;
-using Narrow = std::unique_ptr<char, decltype(&utf8free)>;
+using Wide = NewText<wchar_t>;
+using Narrow = NewText<char>;
 
-const unsigned char* bytes_of(std::string_view s) {
-  return reinterpret_cast<const unsigned char*>(s.data());
-}
 int valid_char(std::string_view s) {
   return is_valid_utf8_char(bytes_of(s), static_cast<unsigned>(s.size()));
 }
@@ -35,23 +20,18 @@ int valid_string(std::string_view s) {
   return is_valid_utf8_string(bytes_of(s), static_cast<int>(s.size()));
 }
 
-/// Every code point but the surrogates and, for the sake of terminated texts, zero.
-std::wstring all_code_points() {
-  std::wstring all;
-  for (wchar_t c = 1; c <= 0x10FFFF; ++c)
-    if (c < 0xD800 || c > 0xDFFF) all += c;
-  return all;
-}
 template <class Unit>
 std::string memory_of(const std::basic_string<Unit>& text) {
   return {reinterpret_cast<const char*>(text.data()), text.size() * sizeof(Unit)};
 }
 
 TEST(Utf8, EveryCodePointAgreesWithIconv) {
-  const std::wstring all = all_code_points();
+  std::wstring all;
   std::string utf8;
   std::u16string utf16;
-  for (const wchar_t c : all) {
+  for (wchar_t c = 1; c <= 0x10FFFF; ++c) {
+    if (c >= 0xD800 && c <= 0xDFFF) continue;
+    all += c;
     unsigned char bytes[6];
     const auto size = static_cast<size_t>(wc_to_utf8c(c, bytes) - bytes);
     ASSERT_EQ(wc_to_utf8c_len(c), static_cast<int>(size));
@@ -67,8 +47,8 @@ TEST(Utf8, EveryCodePointAgreesWithIconv) {
   EXPECT_TRUE(filtered("iconv -f UTF-32LE -t UTF-8", memory_of(all)) == utf8);
   EXPECT_TRUE(filtered("iconv -f UTF-32LE -t UTF-16LE", memory_of(all)) == memory_of(utf16));
   EXPECT_EQ(valid_string(utf8), static_cast<int>(all.size()));
-  EXPECT_TRUE(Wide(utf8towcs_malloced(utf8.c_str()), utf8free).get() == all);
-  EXPECT_TRUE(Narrow(wcstoutf8_malloced(all.c_str()), utf8free).get() == utf8);
+  EXPECT_TRUE(Wide(utf8towcs_malloced(utf8.c_str())).get() == all);
+  EXPECT_TRUE(Narrow(wcstoutf8_malloced(all.c_str())).get() == utf8);
 }
 
 class Iconv {
@@ -124,7 +104,7 @@ TEST(Utf8, DamagedTextsOfAnyLengthAreJudgedAsByIconv) {
       const auto c = static_cast<wchar_t>(1 + random() % limits[random() % 4]);
       wide += c >= 0xD800 && c <= 0xDFFF ? L'.' : c;
     }
-    std::string text = Narrow(wcstoutf8_malloced(wide.c_str()), utf8free).get();
+    std::string text = Narrow(wcstoutf8_malloced(wide.c_str())).get();
     ASSERT_EQ(valid_string(text), static_cast<int>(wide.size()));
     if (text.empty()) continue;
     text[random() % text.size()] = static_cast<char>(random());
@@ -154,9 +134,9 @@ TEST(Utf8, SurrogatesAndFormsOfUpToSixBytesPassTheConverters) {
     wide += c;
     utf8 += bytes;
   }
-  EXPECT_EQ(Narrow(wcstoutf8_malloced(wide.c_str()), utf8free).get(), utf8);
-  EXPECT_EQ(Wide(utf8towcs_malloced(utf8.c_str()), utf8free).get(), wide);
-  EXPECT_EQ(Wide(utf8towcs_malloced("\xC0\xAF"), utf8free).get(), std::wstring(L"/"));
+  EXPECT_EQ(Narrow(wcstoutf8_malloced(wide.c_str())).get(), utf8);
+  EXPECT_EQ(Wide(utf8towcs_malloced(utf8.c_str())).get(), wide);
+  EXPECT_EQ(Wide(utf8towcs_malloced("\xC0\xAF")).get(), std::wstring(L"/"));
   unsigned char out[6];
   EXPECT_EQ(std::string(out, wc_to_utf8c(wchar_t(0x80000041U), out)),
             std::string_view("\xFC\x80\x80\x80\x81\x81"));
@@ -173,10 +153,9 @@ TEST(Utf8, ConvertersStopAtTheFirstByteOutOfPlaceWhereverItStands) {
   for (const std::string_view bad : {"\x80", "\xC3", "\xE2\x82", "\xF0\x9F\x98", "\xF8\x88\x80\x80",
                                      "\xFC\x84\x80\x80\x80", "\xFE", "\xFF", "\xE2\xC3\xA9"}) {
     for (size_t at = 0; at <= wide.size(); ++at) {
-      const std::string head =
-          Narrow(wcstoutf8_malloced(wide.substr(0, at).c_str()), utf8free).get();
+      const std::string head = Narrow(wcstoutf8_malloced(wide.substr(0, at).c_str())).get();
       const std::string tail =
-          std::string(bad) + Narrow(wcstoutf8_malloced(wide.substr(at).c_str()), utf8free).get();
+          std::string(bad) + Narrow(wcstoutf8_malloced(wide.substr(at).c_str())).get();
       errno = 0;
       ASSERT_EQ(utf8towcs_malloced((head + tail).c_str()), nullptr);
       EXPECT_EQ(errno, EINVAL);
@@ -204,15 +183,14 @@ TEST(Utf8, FailuresShowTheTextAndNothingBehindIt) {
   EXPECT_EQ(is_valid_utf8_string(nullptr, 1), -1);
   EXPECT_EQ(is_valid_utf8_string(bytes_of("a"), -1), -1);
   reports.take();
-  const auto failed =
-      kel::testing::fail_each<"malloc", void*(size_t)>(static_cast<void*>(nullptr), ENOMEM, [] {
-        errno = 0;
-        const Wide wide(utf8towcs_malloced("a"), utf8free);
-        EXPECT_EQ(errno, wide == nullptr ? ENOMEM : 0);
-        errno = 0;
-        const Narrow text(wcstoutf8_malloced(L"a"), utf8free);
-        EXPECT_EQ(errno, text == nullptr ? ENOMEM : 0);
-      });
+  const auto failed = fail_each<"malloc", void*(size_t)>(static_cast<void*>(nullptr), ENOMEM, [] {
+    errno = 0;
+    const Wide wide(utf8towcs_malloced("a"));
+    EXPECT_EQ(errno, wide == nullptr ? ENOMEM : 0);
+    errno = 0;
+    const Narrow text(wcstoutf8_malloced(L"a"));
+    EXPECT_EQ(errno, text == nullptr ? ENOMEM : 0);
+  });
   EXPECT_EQ(failed, 2);
   EXPECT_THAT(reports.take(),
               ElementsAre(error(ENOMEM, "utf8towcs_malloced: could not allocate memory"),

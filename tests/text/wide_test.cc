@@ -1,96 +1,68 @@
 #include <kel/charconv.h>
 
-#include <gmock/gmock.h>
-
-#include <cerrno>
 #include <clocale>
-#include <memory>
-#include <string>
 
-#include "support/import_hook.h"
-#include "support/reports.h"
+#include "text/text_fixture.h"
 
 namespace {
 
-using kel::testing::error;
-using kel::testing::ReportCapture;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-
-const unsigned char* latin1(const char* s) { return reinterpret_cast<const unsigned char*>(s); }
+using namespace kel::testing;
 
 TEST(Wide, PlainSetsKeepTheirValuesAndRefuseWhatTheyDoNotHave) {
   ReportCapture reports;
   wchar_t wide[4];
   char narrow[4];
-  EXPECT_STREQ(iso8859_1towcs_buf(wide, latin1("\xE9\xFFz"), 4), L"\u00E9\u00FFz");
+  EXPECT_STREQ(iso8859_1towcs_buf(wide, bytes_of("\xE9\xFFz"), 4), L"\u00E9\u00FFz");
   EXPECT_STREQ(ascii7towcs_buf(wide, "abc", 4), L"abc");
   EXPECT_STREQ(wcstoascii7_buf(narrow, L"a\x7F", 4), "a\x7F");
   EXPECT_THAT(reports.take(), IsEmpty());
 
-  const auto refused = [&](auto* dst, int code, auto call) {
+  const auto emptied = [](auto* dst, auto function, auto* text) {
     dst[0] = 'x';
-    errno = 0;
-    EXPECT_EQ(call(), nullptr);
-    EXPECT_EQ(errno, code);
-    EXPECT_EQ(dst[0], 0);
+    return function(dst, text, 4) == nullptr && dst[0] == 0;
   };
-  refused(wide, EINVAL, [&] { return iso8859_1towcs_buf(wide, latin1("abcd"), 4); });
-  refused(wide, EINVAL, [&] { return iso8859_1towcs_buf(wide, nullptr, 4); });
-  refused(wide, EINVAL, [&] { return ascii7towcs_buf(wide, "abcd", 4); });
-  refused(wide, EINVAL, [&] { return ascii7towcs_buf(wide, "a\x80", 4); });
-  refused(narrow, EILSEQ, [&] { return wcstoascii7_buf(narrow, L"a\u00E9", 4); });
-  refused(narrow, EILSEQ, [&] { return wcstoascii7_buf(narrow, L"\x80000041", 4); });
-  EXPECT_EQ(ascii7towcs_buf(wide, "", -1), nullptr);
-  EXPECT_THAT(reports.take(),
-              ElementsAre(error(EINVAL, "iso8859_1towcs_buf: string too long"),
-                          error(EINVAL, "iso8859_1towcs_buf: invalid NULL parameter"),
-                          error(EINVAL, "ascii7towcs_buf: string too long"),
-                          error(EINVAL, "ascii7towcs_buf: invalid character"),
-                          error(EILSEQ, "wcstoascii7_buf: illegal character"),
-                          error(EILSEQ, "wcstoascii7_buf: illegal character"),
-                          error(EINVAL, "ascii7towcs_buf: invalid NULL parameter")));
-  refused(narrow, ENOBUFS, [&] { return wcstoascii7_buf(narrow, L"abcd", 4); });
-  EXPECT_THAT(reports.take(), IsEmpty());
+  const unsigned char* none = nullptr;
+  expect_refused(reports, {{EINVAL, "iso8859_1towcs_buf: string too long",
+                            [&] { return emptied(wide, iso8859_1towcs_buf, bytes_of("abcd")); }},
+                           {EINVAL, "iso8859_1towcs_buf: invalid NULL parameter",
+                            [&] { return emptied(wide, iso8859_1towcs_buf, none); }},
+                           {EINVAL, "ascii7towcs_buf: string too long",
+                            [&] { return emptied(wide, ascii7towcs_buf, "abcd"); }},
+                           {EINVAL, "ascii7towcs_buf: invalid character",
+                            [&] { return emptied(wide, ascii7towcs_buf, "a\x80"); }},
+                           {EILSEQ, "wcstoascii7_buf: illegal character",
+                            [&] { return emptied(narrow, wcstoascii7_buf, L"a\u00E9"); }},
+                           {EILSEQ, "wcstoascii7_buf: illegal character",
+                            [&] { return emptied(narrow, wcstoascii7_buf, L"\x80000041"); }},
+                           {ENOBUFS, "", [&] { return emptied(narrow, wcstoascii7_buf, L"abcd"); }},
+                           {EINVAL, "ascii7towcs_buf: invalid NULL parameter",
+                            [&] { return !ascii7towcs_buf(wide, "", -1); }},
+                           {EINVAL, "ascii7towcs_malloced: invalid character",
+                            [] { return !ascii7towcs_malloced("\xE9"); }},
+                           {EINVAL, "wcstoascii7_malloced: invalid NULL parameter",
+                            [] { return !wcstoascii7_malloced(nullptr); }}});
 }
 
 TEST(Wide, NewTextsFollowTheBufferForms) {
   ReportCapture reports;
-  const auto all = [&] {
-    wchar_t* const from_latin1 = iso8859_1towcs_malloced(latin1("\xE9"));
-    wchar_t* const from_ascii = ascii7towcs_malloced("abc");
-    char* const to_ascii = wcstoascii7_malloced(L"abc");
-    EXPECT_STREQ(from_latin1, from_latin1 == nullptr ? nullptr : L"\u00E9");
-    EXPECT_STREQ(from_ascii, from_ascii == nullptr ? nullptr : L"abc");
-    EXPECT_STREQ(to_ascii, to_ascii == nullptr ? nullptr : "abc");
-    for (void* text : {static_cast<void*>(from_latin1), static_cast<void*>(from_ascii),
-                       static_cast<void*>(to_ascii)})
-      utf8free(text);
+  const auto is_null_or = [](auto* text, auto* expected) {
+    EXPECT_STREQ(text, text == nullptr ? nullptr : expected);
+    utf8free(text);
   };
-  EXPECT_EQ(
-      (kel::testing::fail_each<"malloc", void*(size_t)>(static_cast<void*>(nullptr), ENOMEM, all)),
-      3);
-  EXPECT_EQ(ascii7towcs_malloced("\xE9"), nullptr);
-  EXPECT_EQ(wcstoascii7_malloced(nullptr), nullptr);
+  const long failed = fail_each<"malloc", void*(size_t)>(nullptr, ENOMEM, [&] {
+    is_null_or(iso8859_1towcs_malloced(bytes_of("\xE9")), L"\u00E9");
+    is_null_or(ascii7towcs_malloced("abc"), L"abc");
+    is_null_or(wcstoascii7_malloced(L"abc"), "abc");
+  });
+  EXPECT_EQ(failed, 3);
   EXPECT_THAT(reports.take(),
               ElementsAre(error(ENOMEM, "iso8859_1towcs_malloced: could not allocate memory"),
                           error(ENOMEM, "ascii7towcs_malloced: could not allocate memory"),
-                          error(ENOMEM, "wcstoascii7_malloced: could not allocate memory"),
-                          error(EINVAL, "ascii7towcs_malloced: invalid character"),
-                          error(EINVAL, "wcstoascii7_malloced: invalid NULL parameter")));
+                          error(ENOMEM, "wcstoascii7_malloced: could not allocate memory")));
 }
 
-class LocaleText : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (std::setlocale(LC_CTYPE, "C.UTF-8") == nullptr) GTEST_SKIP() << "no locale C.UTF-8";
-  }
-  void TearDown() override { std::setlocale(LC_CTYPE, "C"); }
-
-  ReportCapture reports;
-};
-
-/// Both directions in turn: the text fits, does not fit, is measured, has a flaw.
+/// Both directions in turn: the text fits, does not fit, is measured, has a
+/// flaw.
 template <class To, class From, class Convert>
 void check_locale_text(Convert convert, const From* text, const To* converted, const From* flawed) {
   const std::basic_string<To> expected = converted;
@@ -105,8 +77,7 @@ void check_locale_text(Convert convert, const From* text, const To* converted, c
     EXPECT_EQ(buf[0], n == 0 ? To('x') : To(0));
     EXPECT_EQ(buf[n], To('x'));
     for (To* const dst : {buf, static_cast<To*>(nullptr)}) {
-      const std::unique_ptr<To, decltype(&utf8free)> fresh(
-          convert(text, dst, n, KEL_CONVERT_ALLOCATE), utf8free);
+      const NewText<To> fresh(convert(text, dst, n, KEL_CONVERT_ALLOCATE));
       ASSERT_NE(fresh.get(), nullptr);
       EXPECT_NE(fresh.get(), dst);
       EXPECT_EQ(fresh.get(), expected);
@@ -117,7 +88,9 @@ void check_locale_text(Convert convert, const From* text, const To* converted, c
   EXPECT_EQ(errno, EILSEQ);
 }
 
-TEST_F(LocaleText, FitsOrIsNewOrIsRefused) {
+TEST(LocaleText, FitsOrIsNewOrIsRefused) {
+  if (std::setlocale(LC_CTYPE, "C.UTF-8") == nullptr) GTEST_SKIP() << "no locale C.UTF-8";
+  ReportCapture reports;
   check_locale_text<wchar_t, char>(mbsconvert, "a\xC3\xA9\xE2\x82\xAC", L"a\u00E9\u20AC", "ab\xC3");
   check_locale_text<char, wchar_t>(wcsconvert, L"a\u00E9\u20AC", "a\xC3\xA9\xE2\x82\xAC",
                                    L"ab\xD800");
@@ -126,17 +99,18 @@ TEST_F(LocaleText, FitsOrIsNewOrIsRefused) {
   // A flaw behind what fits is found when the whole is measured.
   wchar_t wide[1];
   char narrow[1];
-  EXPECT_EQ(mbsconvert("ab\xC3", wide, 1, KEL_CONVERT_ALLOCATE), nullptr);
-  EXPECT_EQ(wcsconvert(L"ab\xD800", narrow, 1, KEL_CONVERT_ALLOCATE), nullptr);
-  EXPECT_EQ(mbsconvert(nullptr, wide, 1, 0), nullptr);
-  const kel::testing::Fault<"malloc", void*(size_t)> fault(1, nullptr, ENOMEM);
-  EXPECT_EQ(mbsconvert("ab", nullptr, 0, KEL_CONVERT_ALLOCATE), nullptr);
-  EXPECT_THAT(
-      reports.take(),
-      ElementsAre(error(EILSEQ, "__towc: could not determine number of bytes to convert"),
-                  error(EILSEQ, "wcsconvert: could not determine number of bytes to convert"),
-                  error(EINVAL, "__towc: invalid NULL parameter"),
-                  error(ENOMEM, "__towc: could not allocate memory")));
+  expect_refused(
+      reports,
+      {{EILSEQ, "__towc: could not determine number of bytes to convert",
+        [&] { return !mbsconvert("ab\xC3", wide, 1, KEL_CONVERT_ALLOCATE); }},
+       {EILSEQ, "wcsconvert: could not determine number of bytes to convert",
+        [&] { return !wcsconvert(L"ab\xD800", narrow, 1, KEL_CONVERT_ALLOCATE); }},
+       {EINVAL, "__towc: invalid NULL parameter", [&] { return !mbsconvert(nullptr, wide, 1, 0); }},
+       {ENOMEM, "__towc: could not allocate memory", [&] {
+          const Fault<"malloc", void*(size_t)> fault(1, nullptr, ENOMEM);
+          return !mbsconvert("ab", nullptr, 0, KEL_CONVERT_ALLOCATE);
+        }}});
+  std::setlocale(LC_CTYPE, "C");
 }
 
 }  // namespace

@@ -1,19 +1,12 @@
 #include <kel/text.h>
 
-#include <gmock/gmock.h>
-
-#include <cerrno>
-#include <string>
 #include <vector>
 
-#include "support/reports.h"
+#include "text/text_fixture.h"
 
 namespace {
 
-using kel::testing::error;
-using kel::testing::ReportCapture;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
+using namespace kel::testing;
 
 /// Reads a text whose '|' marks where reading has to stop, in both widths.
 void check_bool(std::string marked, int expected) {
@@ -45,39 +38,40 @@ TEST(Words, BooleansMatchByTheStartOfTheText) {
 
 TEST(Words, TimesOfDayAreReadOrRefusedByTheirPart) {
   ReportCapture reports;
-  char* end;
-  const std::pair<const char*, int> read[] = {
-      {"7:05", 25500}, {"23:59:59", 86399}, {"0:00", 0}, {"07:5:9", 25509}, {"00012:00", 43200}};
-  for (const auto& [text, seconds] : read) {
-    errno = EIO;
-    EXPECT_EQ(strtotimeofday(text, &end), seconds);
-    EXPECT_EQ(errno, 0);
-    EXPECT_STREQ(end, "");
-  }
-  EXPECT_EQ(strtotimeofday("1:2:3:4", &end), 3723);
-  EXPECT_STREQ(end, ":4");
-  reports.take();
-
-  const std::pair<const char*, std::vector<const char*>> refused[] = {
-      {"hour value not a digit", {"", " 7:05", "-1:00"}},
-      {"hour value outside of range or inproper format", {"24:00", "12", "1 :00"}},
-      {"minute value not a digit", {"12:", "12:+1"}},
-      {"minute value outside of range", {"12:60", "12:99999999999999999999"}},
-      {"second value not a digit", {"12:00:"}},
-      {"second value outside of range", {"12:00:60"}}};
-  for (const auto& [message, texts] : refused) {
-    for (const char* text : texts) {
-      errno = 0;
-      EXPECT_EQ(strtotimeofday(text, &end), 0) << text;
-      EXPECT_EQ(errno, ERANGE);
-      EXPECT_EQ(end, text);
-      EXPECT_THAT(reports.take(),
-                  ElementsAre(error(ERANGE, std::string("strtotimeofday: ") + message)));
+  const struct {
+    int seconds;
+    const char* rest;
+    std::vector<const char*> texts;
+    const char* message = nullptr;
+  } rows[] = {
+      {25500, "", {"7:05", "07:05:00"}},
+      {86399, "", {"23:59:59"}},
+      {0, "", {"0:00"}},
+      {43209, "", {"00012:0:9"}},
+      {3723, ":4", {"1:2:3:4"}},
+      {0, nullptr, {"", " 7:05", "-1:00"}, "hour value not a digit"},
+      {0, nullptr, {"24:00", "12", "1 :00"}, "hour value outside of range or inproper format"},
+      {0, nullptr, {"12:", "12:+1"}, "minute value not a digit"},
+      {0, nullptr, {"12:60", "12:99999999999999999999"}, "minute value outside of range"},
+      {0, nullptr, {"12:00:"}, "second value not a digit"},
+      {0, nullptr, {"12:00:60"}, "second value outside of range"}};
+  for (const auto& row : rows) {
+    for (const char* text : row.texts) {
+      SCOPED_TRACE(text);
+      char* end;
+      errno = EIO;
+      EXPECT_EQ(strtotimeofday(text, &end), row.seconds);
+      EXPECT_STREQ(end, row.message == nullptr ? row.rest : text);
+      EXPECT_EQ(errno, row.message == nullptr ? 0 : ERANGE);
+      std::vector<Report> expected;
+      if (row.message != nullptr)
+        expected = {error(ERANGE, std::string("strtotimeofday: ") + row.message)};
+      EXPECT_EQ(reports.take(), expected);
     }
   }
-  EXPECT_EQ(strtotimeofday("99999999999999999999:00", nullptr), 0);  // no number to speak of
+  EXPECT_EQ(strtotimeofday("99999999999999999999:00", nullptr),
+            0);  // no number to speak of
   EXPECT_EQ(errno, ERANGE);
-  EXPECT_THAT(reports.take(), IsEmpty());
   EXPECT_EQ(strtotimeofday(nullptr, nullptr), 0);
   EXPECT_THAT(reports.take(), ElementsAre(error(EINVAL, "strtotimeofday: invalid NULL parameter")));
 }

@@ -1,16 +1,30 @@
-// Commands that do what the library does, to hold it against.
+// What the tests of texts share: commands that do what the library does, and new texts.
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <memory>
 #include <random>
 #include <string>
 #include <string_view>
 
+#include "support/import_hook.h"
+#include "support/refusals.h"
+#include "support/reports.h"
 #include "support/temp_dir.h"
 
 namespace kel::testing {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+struct Free {
+  void operator()(void* text) const { std::free(text); }
+};
+template <class Char>
+using NewText = std::unique_ptr<Char, Free>;
 
 /// What `command` writes when it reads `input`.
 inline std::string filtered(const std::string& command, std::string_view input) {
@@ -25,6 +39,10 @@ inline std::string random_bytes(std::mt19937& random, size_t size) {
   std::string bytes(size, '\0');
   for (char& byte : bytes) byte = static_cast<char>(random());
   return bytes;
+}
+
+inline const unsigned char* bytes_of(std::string_view text) {
+  return reinterpret_cast<const unsigned char*>(text.data());
 }
 
 }  // namespace kel::testing

@@ -16,7 +16,8 @@ int main(int argc, char** argv) {
   const uint64_t in_container = argc > 3 ? std::strtoull(argv[3], nullptr, 10) : chunks;
   Repository repository(path);
   ContainerNumbers numbers;
-  if (!repository.open_for_store() || !numbers.open(path + "/last-container", path, 0)) return 1;
+  if (!repository.open_for_store(Settings{}) || !numbers.open(path + "/last-container", path, 0))
+    return 1;
   ContainerWriter containers(repository, numbers);
   const unsigned char nothing = 0;
   for (uint64_t i = 0; i < chunks; ++i) {

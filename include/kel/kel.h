@@ -20,6 +20,7 @@
 #include <kel/library.h>
 #include <kel/logging.h>
 #include <kel/magic.h>
+#include <kel/path.h>
 #include <kel/preallocator.h>
 #include <kel/runtime.h>
 #include <kel/safeio.h>

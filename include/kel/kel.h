@@ -18,6 +18,7 @@
 #include <kel/export.h>
 #include <kel/hashtree.h>
 #include <kel/library.h>
+#include <kel/logfiles.h>
 #include <kel/logging.h>
 #include <kel/magic.h>
 #include <kel/path.h>

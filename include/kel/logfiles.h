@@ -10,7 +10,7 @@
  * **When a line reaches the kernel** (what has reached it survives the process):
  *
  * - critical, error, internal-error and security lines of the reports: before the call returns;
- * - the first 100 lines a second of each file: before the call returns;
+ * - the first 100 lines a second of each file, and 1,000 of the process: before the call returns;
  * - lines of a faster stream than that: when 16 KiB have gathered, with the file's first line of
  *   the next second, within about two seconds as long as any thread logs to any file, when the file
  *   is closed, rotated or flushed, before fork(2), and when the process ends with exit(3) or
@@ -57,13 +57,13 @@
 #include <ctime>
 #include <deque>
 #include <fstream>
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 namespace kel::internal {
 class LineWriter;
@@ -258,18 +258,21 @@ class KEL_API LogManager {
 
   void write(std::string_view line, std::string_view path, bool urgent);
   std::shared_ptr<LogFile> find(std::string_view path);
+  const std::shared_ptr<LogFile>& add(std::string_view path);
   void sweepOncePerSecond();
   void sweep(time_t now);
   void flushBefore(const internal::Deadline& deadline);
 
   static std::atomic<LogManager*> instancePtr;
 
-  std::map<std::string, std::shared_ptr<LogFile>, std::less<>> files_;
+  std::map<std::string, std::shared_ptr<LogFile>> files_;
   std::shared_ptr<LogBuffer> buffer_;
   std::atomic<unsigned long> maxFileSize_{0};
   std::mutex filesMutex_;   ///< before a file's own
   std::mutex bufferMutex_;  ///< guards buffer_
   std::atomic<time_t> swept_{0};
+  /// Finds in files_, whose keys it refers to, at the same price however many there are.
+  std::unordered_map<std::string_view, const std::shared_ptr<LogFile>*> index_;
 };
 
 }  // namespace kel::util

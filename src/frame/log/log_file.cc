@@ -21,7 +21,21 @@ namespace {
 /// Lines a second and file that are not worth gathering: a hundred writes cost well below a
 /// millisecond, and few programs log more while somebody watches.
 constexpr unsigned kAtOncePerSecond = 100;
+constexpr uint64_t kAtOncePerSecondOfAll = 1000;
 constexpr time_t kIdleSeconds = 60;
+
+/// Counts a line that goes to the kernel at once, so that a thousand files do not add up to a
+/// hundred thousand writes; false when the process has had its share of this second.
+bool take_share(time_t now) noexcept {
+  static std::atomic<uint64_t> shares;  // the second, and behind it 16 bits that count
+  const uint64_t none = static_cast<uint64_t>(now) << 16;
+  uint64_t taken = shares.load(std::memory_order_relaxed);
+  for (;;) {
+    const uint64_t mine = taken >> 16 == none >> 16 ? taken : none;
+    if (mine >= none + kAtOncePerSecondOfAll) return false;
+    if (shares.compare_exchange_weak(taken, mine + 1, std::memory_order_relaxed)) return true;
+  }
+}
 
 /// The part of `path` that has to be there before the file; empty when there is none.
 std::string directory_of(const std::string& path) {
@@ -196,7 +210,7 @@ void LogFile::bind(Opened opened) {
 
 void LogFile::put(std::string_view line, bool urgent) {
   writer_->append(line);
-  const bool few = atOnce_ < kAtOncePerSecond;
+  const bool few = atOnce_ < kAtOncePerSecond && take_share(second_);
   if (few) ++atOnce_;
   if (urgent || few || detached_ || stream_ != nullptr ||
       log_ending.load(std::memory_order_relaxed))

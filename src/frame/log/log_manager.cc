@@ -124,19 +124,22 @@ std::shared_ptr<LogFile> LogManager::getLogFile(const std::string& path) {
 
 std::shared_ptr<LogFile> LogManager::find(std::string_view path) {
   const std::lock_guard lock(filesMutex_);
-  auto found = files_.find(path);
-  if (found == files_.end()) {
-    std::string key(path);
-    auto file = std::make_shared<LogFile>(key);
-    found = files_.emplace(std::move(key), std::move(file)).first;
-  }
+  const auto known = index_.find(path);
+  const auto& file = known != index_.end() ? *known->second : add(path);
   if (log_lines_waiting.load(std::memory_order_relaxed) != 0) {
     std::unique_lock guard(bufferMutex_);
     const auto buffer = buffer_;
     guard.unlock();
-    if (buffer != nullptr) buffer->flushToFile(found->second);
+    if (buffer != nullptr) buffer->flushToFile(file);
   }
-  return found->second;
+  return file;
+}
+
+const std::shared_ptr<LogFile>& LogManager::add(std::string_view path) {
+  const std::string key(path);
+  const auto added = files_.emplace(key, std::make_shared<LogFile>(key)).first;
+  index_[added->first] = &added->second;
+  return added->second;
 }
 
 std::shared_ptr<LogFile> LogManager::getBuffer() {
@@ -157,9 +160,12 @@ void LogManager::cleanUpStaleFiles() { sweep(currentTime()); }
 
 void LogManager::sweep(time_t now) {
   const std::lock_guard lock(filesMutex_);
-  std::erase_if(files_, [now](const auto& entry) {
+  std::erase_if(files_, [this, now](const auto& entry) {
     LogFile& file = *entry.second;
-    if (file.detachWhenIdle(now)) return true;
+    if (file.detachWhenIdle(now)) {
+      index_.erase(entry.first);
+      return true;
+    }
     file.flush();
     return false;
   });
@@ -168,6 +174,7 @@ void LogManager::sweep(time_t now) {
 void LogManager::flushStreams() {
   const std::lock_guard lock(filesMutex_);
   for (const auto& entry : files_) entry.second->detach();
+  index_.clear();
   files_.clear();
 }
 
@@ -181,10 +188,12 @@ int LogManager::reset() {
   if (!last_file_is_gone) last_file.clear();
   if (const std::unique_lock lock(filesMutex_, std::try_to_lock); lock) {
     for (const auto& entry : files_) entry.second->dropInChild();
+    index_.clear();
     files_.clear();
   } else {
-    // A thread of the parent was changing the map; nothing in it can be trusted, so it is left
-    // behind with its memory.
+    // A thread of the parent was changing the maps; nothing in them can be trusted, so they are
+    // left behind with their memory.
+    std::construct_at(&index_);
     std::construct_at(&files_);
   }
   if (const std::unique_lock lock(bufferMutex_, std::try_to_lock);

@@ -38,8 +38,8 @@ class Deadline {
 /// Makes `directory` and those above it. The frame's one call up to the floor of files.
 bool make_log_directory(const std::string& directory);
 
-/// Tells on standard error why lines for `path` are dropped, once until forget_lost_lines(). No
-/// lock of the log may be held: standard error can block.
+/// Tells on standard error why lines for `path` are dropped, once until forget_lost_lines().
+/// Needs neither memory nor a lock of the log.
 void tell_lost_lines(std::string_view path, const char* reason) noexcept;
 void forget_lost_lines(std::string_view path) noexcept;
 

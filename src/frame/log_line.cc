@@ -15,6 +15,7 @@
 #include <ctime>
 #include <string_view>
 
+#include "frame/local_time.h"
 #include "frame/log_context.h"
 #include "frame/log_sink.h"
 #include "internal/ascii.h"
@@ -119,9 +120,7 @@ const DateText& date_of(time_t now, DateForm form) {
   DateText& date = date_text;
   if (date.second != now || date.form != form || date.zone != timezone ||
       date.zone_name != tzname[0]) {
-    struct tm local = {};
-    localtime_r(&now, &local);
-    date.length = print_time(date.text, form, local);
+    date.length = print_time(date.text, form, local_time(now));
     date.second = now;
     date.form = form;
     date.zone = timezone;

@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "frame/log/log_state.h"
+#include "frame/deadline.h"
 
 namespace kel::internal {
 

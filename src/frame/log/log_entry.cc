@@ -5,6 +5,7 @@
 #include <exception>
 
 #include "frame/log/log_access.h"
+#include "frame/log/log_state.h"
 #include "frame/log_sink.h"
 #include "internal/report.h"
 

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <utility>
 
+#include "frame/deadline.h"
+#include "frame/local_time.h"
 #include "frame/log/line_writer.h"
 #include "frame/log/log_state.h"
 #include "internal/transfer.h"
@@ -45,8 +47,7 @@ std::string directory_of(const std::string& path) {
 }
 
 std::string rotated_name(const std::string& path, time_t now) {
-  struct tm local = {};
-  localtime_r(&now, &local);
+  const struct tm local = local_time(now);
   char stamp[32];
   std::strftime(stamp, sizeof stamp, ".%Y%m%d%H%M%S", &local);
   return path + stamp;

@@ -9,6 +9,7 @@
 #include <new>
 #include <utility>
 
+#include "frame/local_time.h"
 #include "frame/log/log_access.h"
 #include "frame/log/log_state.h"
 #include "internal/report.h"
@@ -52,6 +53,12 @@ void notice_fork() noexcept {
 void before_fork() noexcept {
   const ErrnoGuard keep;
   LogAccess::flush_before(Deadline(kForkPatience));
+  hold_local_time();
+}
+
+void after_fork_in_child() noexcept {
+  renew_local_time_in_child();
+  notice_fork();
 }
 
 /// Writes what has gathered when the process ends. What is logged still later, by destructors of
@@ -79,7 +86,7 @@ LogManager* LogManager::getInstance() {
   alignas(LogManager) static unsigned char storage[sizeof(LogManager)];
   instance = new (storage) LogManager;
   process = ::getpid();
-  pthread_atfork(before_fork, nullptr, notice_fork);
+  pthread_atfork(before_fork, release_local_time, after_fork_in_child);
   instancePtr.store(instance, std::memory_order_release);
   return instance;
 }

@@ -3,7 +3,6 @@
 #include <kel/path.h>
 
 #include <pthread.h>
-#include <unistd.h>
 
 #include <array>
 #include <climits>
@@ -24,15 +23,6 @@ size_t hash_of(std::string_view path) noexcept {
 std::atomic<size_t>& slot_of(size_t hash) noexcept { return told[hash / 2 % told.size()]; }
 
 }  // namespace
-
-std::unique_lock<std::mutex> Deadline::lock(std::mutex& mutex) const {
-  std::unique_lock held(mutex, std::try_to_lock);
-  while (!held && std::chrono::steady_clock::now() < at_) {
-    ::usleep(100);
-    held.try_lock();
-  }
-  return held;
-}
 
 bool make_log_directory(const std::string& directory) {
   return CreateTreeLoggingOptionalA(directory.c_str(), 0755, false) != 0;

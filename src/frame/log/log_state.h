@@ -1,12 +1,10 @@
-// What the files under log/ share: bounded waiting, the state of the process, and the one way to
+// What the files under log/ share: the state of the process, and the one way to
 // tell that lines are lost.
 #pragma once
 
 #include <kel/logfiles.h>
 
 #include <atomic>
-#include <chrono>
-#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -20,20 +18,6 @@ inline std::atomic<bool> log_ending{false};
 
 /// Lines in buffers, waiting for a file.
 inline std::atomic<long> log_lines_waiting{0};
-
-/// A limit for waiting for locks whose holder may never come back: one that forked away, or the
-/// very thread that a signal interrupted.
-class Deadline {
- public:
-  explicit Deadline(std::chrono::milliseconds wait)
-      : at_(std::chrono::steady_clock::now() + wait) {}
-
-  /// The mutex, locked, or a lock that holds nothing when the time is up.
-  std::unique_lock<std::mutex> lock(std::mutex& mutex) const;
-
- private:
-  std::chrono::steady_clock::time_point at_;
-};
 
 /// Makes `directory` and those above it. The frame's one call up to the floor of files.
 bool make_log_directory(const std::string& directory);

@@ -31,6 +31,7 @@ void LogBuffer::keep(LogLine line) {
   --log_lines_waiting;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the interface is given
 void LogBuffer::flushToFile(std::shared_ptr<LogFile> file) {
   if (file == nullptr || file.get() == this) return;
   const std::lock_guard lock(mutex_);

@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cwchar>
 
+#include "internal/text_traits.h"
+
 namespace kel::internal {
 namespace {
 
@@ -57,7 +59,7 @@ std::string to_multibyte(const std::wstring& line) {
     }
     state = {};
     char escape[16];
-    const auto code = static_cast<unsigned>(c);
+    const auto code = code_of(c);
     std::snprintf(escape, sizeof escape, code <= 0xffff ? "\\u%04X" : "\\U%08X", code);
     text += escape;
   }

@@ -22,6 +22,7 @@
 #include <kel/hashtree.h>
 #include <kel/inifile.h>
 #include <kel/library.h>
+#include <kel/logfiles.h>
 #include <kel/logging.h>
 #include <kel/magic.h>
 #include <kel/options.h>

@@ -9,8 +9,9 @@
  *
  * Reporting never changes `errno`: a function sets it, reports, and returns its failure value.
  *
- * Threads: any thread may report at any time; no lock is taken and nothing is allocated once the
- * thread has its context. Messages are cut, never refused: 2,046 characters and the newline.
+ * Threads: any thread may report at any time; formatting takes no lock and allocates nothing once
+ * the thread has its context. A line to a file takes that file's lock. Messages are cut, never
+ * refused: 2,046 characters and the newline.
  *
  * @code
  * kelLogSet("/var/log/svc.log", KEL_LOG_LONG | KEL_LOG_DATE, 0);
@@ -29,6 +30,7 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <wchar.h>
 
 /** @name Levels: one bit each, in the level argument and in the flags word.
  * @{ */
@@ -206,10 +208,27 @@ KEL_API int kelLogSetCtx(void* ctx);
 KEL_API void kelLogCtxDestroy(void* ctx);
 /** @} */
 
+/** @name Log files
+ * Where file lines go; kel/logfiles.h tells when they reach the kernel, how files are rotated, and
+ * what happens on a full disk. Nothing here fails or changes `errno`: a line that cannot be written
+ * is dropped, and that is told once on standard error. @{ */
+/** Appends `line` as it is (no newline is added) to the file at `path`, which stays open. With an
+ * empty or null path the newest 50 such lines are kept for the first file that is written to. */
+KEL_API void logFileWriteA(const char* line, const char* path);
+/** The same in the multibyte encoding of the current locale. */
+KEL_API void logFileWriteW(const wchar_t* line, const char* path);
+/** Writes what has gathered for log files and closes them; the next line opens its file again. */
+KEL_API void logFileFlushStreams(void);
+/** For a child after fork: forgets the parent's open files. Part of kellog_reset_for_fork(); 0. */
+KEL_API int logFileReset(void);
+/** Sets the size in bytes from which a log file is rotated; 0 (the initial value): never. */
+KEL_API void logFileSetMaxSize(unsigned long bytes);
+/** @} */
+
 /** The console stream: standard error. */
 KEL_API FILE* kelLogFile(void);
-/** For a child after fork, before it reports: makes the locks of the log anew. 0 or an errno value.
- */
+/** For a child after fork, before it reports: makes the locks of the log anew and forgets the log
+ * files of the parent. 0 or an errno value. */
 KEL_API int kellog_reset_for_fork(void);
 /** Prints `id` in decimal into `buf` (`len` bytes); returns `buf`, or null when it does not fit. */
 KEL_API char* pthread2str(char* buf, size_t len, pthread_t id);

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "build_info.h"
+#include "frame/log_sink.h"
 #include "frame/version.h"
 #include "internal/handles.h"
 #include "internal/transfer.h"
@@ -50,5 +51,6 @@ void __kel_assert_fail(const char* expression, const char* file, unsigned line,
       });
   }
   syslog(LOG_CRIT, "%s", report);
+  kel::internal::rescue_log_lines();
   std::abort();
 }

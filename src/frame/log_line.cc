@@ -1,5 +1,6 @@
-// Building one line and sending it to its places. This is the hot path of every report: no lock, no
-// allocation, and for a disabled level nothing beyond the formatting and the copy.
+// Building one line and sending it to its places. This is the hot path of every report: no lock but
+// that of the file, no allocation, and for a disabled level nothing beyond the formatting and the
+// copy.
 #include <kel/logging.h>
 
 #include <sys/time.h>
@@ -14,6 +15,7 @@
 #include <ctime>
 #include <string_view>
 
+#include "frame/local_time.h"
 #include "frame/log_context.h"
 #include "frame/log_sink.h"
 #include "internal/ascii.h"
@@ -34,24 +36,25 @@ struct LevelTraits {
   int priority;         // of syslog(3); 0 keeps the line away from it
   int threshold;        // the console level that the console output needs
   bool extended;
+  bool urgent;  // a file line reaches the kernel before the call returns
 };
 
 constexpr LevelTraits kLevels[] = {
-    {KEL_LOG_CRIT, "CRIT", "Fatal Error", 0, 1, false},
-    {KEL_LOG_ERR, "ERR", "Error", LOG_ERR, 1, false},
-    {KEL_LOG_WARN, "WARNING", "Warning", LOG_WARNING, 1, false},
-    {KEL_LOG_AUTH, "AUTH", "Auth", LOG_NOTICE, 2, false},
-    {KEL_LOG_INFO, "INFO", "Info", LOG_INFO, 2, false},
-    {KEL_LOG_NOTICE, "NOTICE", "Notice", LOG_NOTICE, 2, false},
-    {KEL_LOG_TRACE, "TRACE", "Trace", 0, 2, false},
-    {KEL_LOG_BUG, "BUG", "BUG", LOG_ALERT, 1, false},
-    {KEL_LOG_YARL_ERROR, "YARL ERROR", "YARL Error", LOG_ERR, 2, true},
-    {KEL_LOG_YARL_WARNING, "YARL WARNING", "YARL Warning", LOG_WARNING, 2, true},
-    {KEL_LOG_YARL_INFO, "YARL INFO", "YARL Info", LOG_INFO, 2, true},
-    {KEL_LOG_YARL_DEBUG, "YARL DEBUG", "YARL Debug", LOG_DEBUG, 2, true},
-    {KEL_LOG_YARL_TRACE, "YARL TRACE", "YARL Trace", 0, 2, true},
+    {KEL_LOG_CRIT, "CRIT", "Fatal Error", 0, 1, false, true},
+    {KEL_LOG_ERR, "ERR", "Error", LOG_ERR, 1, false, true},
+    {KEL_LOG_WARN, "WARNING", "Warning", LOG_WARNING, 1, false, false},
+    {KEL_LOG_AUTH, "AUTH", "Auth", LOG_NOTICE, 2, false, true},
+    {KEL_LOG_INFO, "INFO", "Info", LOG_INFO, 2, false, false},
+    {KEL_LOG_NOTICE, "NOTICE", "Notice", LOG_NOTICE, 2, false, false},
+    {KEL_LOG_TRACE, "TRACE", "Trace", 0, 2, false, false},
+    {KEL_LOG_BUG, "BUG", "BUG", LOG_ALERT, 1, false, true},
+    {KEL_LOG_YARL_ERROR, "YARL ERROR", "YARL Error", LOG_ERR, 2, true, true},
+    {KEL_LOG_YARL_WARNING, "YARL WARNING", "YARL Warning", LOG_WARNING, 2, true, false},
+    {KEL_LOG_YARL_INFO, "YARL INFO", "YARL Info", LOG_INFO, 2, true, false},
+    {KEL_LOG_YARL_DEBUG, "YARL DEBUG", "YARL Debug", LOG_DEBUG, 2, true, false},
+    {KEL_LOG_YARL_TRACE, "YARL TRACE", "YARL Trace", 0, 2, true, false},
 };
-constexpr LevelTraits kOtherLevel = {0, "INFO", "Info", LOG_INFO, 2, false};
+constexpr LevelTraits kOtherLevel = {0, "INFO", "Info", LOG_INFO, 2, false, false};
 
 const LevelTraits& traits_of(int level) noexcept {
   const auto* found = std::find_if(std::begin(kLevels), std::end(kLevels),
@@ -87,32 +90,70 @@ size_t write_message(kelLogCtx& context, size_t prefix, const char* format, va_l
   return length;
 }
 
-void append_date(char (&date)[kDateSize], int flags, const kelLogCtx& context, bool extended) {
-  const time_t now = time(nullptr);
-  struct tm local = {};
-  localtime_r(&now, &local);
-  if (((flags | context.flags) & KEL_LOG_TIME_ONLY) != 0) {
-    std::strftime(date, sizeof date, "%H:%M:%S ", &local);
-  } else if (!extended) {
-    std::strftime(date, sizeof date, "%B %d %H:%M:%S ", &local);
-  } else {
-    struct timespec precise = {};
-    clock_gettime(CLOCK_REALTIME_COARSE, &precise);
-    const size_t length = std::strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S.", &local);
-    std::snprintf(date + length, sizeof date - length, "%03li ", precise.tv_nsec / 1'000'000);
+enum class DateForm { kNone, kTimeOnly, kStandard, kExtended };
+
+/// The thread's last date text. Only the second, the form, and the time zone that tzset(3) last
+/// chose can change it.
+struct DateText {
+  time_t second;
+  DateForm form;
+  long zone;
+  const char* zone_name;
+  size_t length;
+  char text[64];
+};
+constinit thread_local DateText date_text = {};
+
+template <size_t Size>
+size_t print_time(char (&text)[Size], DateForm form, const struct tm& time) {
+  switch (form) {
+    case DateForm::kTimeOnly:
+      return std::strftime(text, Size, "%H:%M:%S ", &time);
+    case DateForm::kStandard:
+      return std::strftime(text, Size, "%B %d %H:%M:%S ", &time);
+    default:
+      return std::strftime(text, Size, "%Y-%m-%d %H:%M:%S.", &time);
   }
 }
 
-void format_date(char (&date)[kDateSize], int flags, const kelLogCtx& context, bool extended) {
-  date[0] = '\0';
-  if ((flags & KEL_LOG_DATE) != 0) append_date(date, flags, context, extended);
+const DateText& date_of(time_t now, DateForm form) {
+  DateText& date = date_text;
+  if (date.second != now || date.form != form || date.zone != timezone ||
+      date.zone_name != tzname[0]) {
+    date.length = print_time(date.text, form, local_time(now));
+    date.second = now;
+    date.form = form;
+    date.zone = timezone;
+    date.zone_name = tzname[0];
+  }
+  return date;
+}
+
+size_t append_date(char (&text)[kDateSize], int flags, const kelLogCtx& context, bool extended) {
+  const DateForm form = ((flags | context.flags) & KEL_LOG_TIME_ONLY) != 0 ? DateForm::kTimeOnly
+                        : extended                                         ? DateForm::kExtended
+                                                                           : DateForm::kStandard;
+  const DateText& date = date_of(time(nullptr), form);
+  std::memcpy(text, date.text, date.length);
+  if (form != DateForm::kExtended) return date.length;
+  struct timespec precise = {};
+  clock_gettime(CLOCK_REALTIME_COARSE, &precise);
+  return date.length +
+         static_cast<size_t>(std::snprintf(text + date.length, sizeof text - date.length, "%03li ",
+                                           precise.tv_nsec / 1'000'000));
+}
+
+/// Returns the length of the date part.
+size_t format_date(char (&date)[kDateSize], int flags, const kelLogCtx& context, bool extended) {
+  size_t length = (flags & KEL_LOG_DATE) != 0 ? append_date(date, flags, context, extended) : 0;
+  date[length] = '\0';
   if ((flags & KEL_LOG_TIMING) != 0) {
     struct timeval now = {};
     gettimeofday(&now, nullptr);
-    const size_t length = std::strlen(date);
-    std::snprintf(date + length, sizeof date - length, "[%li] ",
-                  now.tv_sec * 1'000'000 + now.tv_usec);
+    length += static_cast<size_t>(std::snprintf(date + length, sizeof date - length, "[%li] ",
+                                                now.tv_sec * 1'000'000 + now.tv_usec));
   }
+  return length;
 }
 
 /// What stands between the label and the message.
@@ -124,16 +165,35 @@ const char* thread_part(char (&buffer)[64], int flags, const kelLogCtx& context,
   return buffer;
 }
 
-void write_file(const LevelTraits& traits, const kelLogCtx& context, const char* date,
-                const char* thread) {
-  char line[kFileLineSize];
-  std::snprintf(line, sizeof line, "%s%s%s%s%s", date, traits.label, context.lineTag, thread,
-                context.message);
-  write_log_line(line, context.path);
+/// A file line being put together; cut where its room ends.
+class FileLine {
+ public:
+  void add(std::string_view text) noexcept {
+    const size_t length = std::min(text.size(), kFileLineSize - 1 - length_);
+    std::memcpy(text_ + length_, text.data(), length);
+    length_ += length;
+  }
+  std::string_view text() const noexcept { return {text_, length_}; }
+
+ private:
+  size_t length_ = 0;
+  char text_[kFileLineSize];
+};
+
+void write_file(const LevelTraits& traits, const kelLogCtx& context, std::string_view date,
+                const char* thread, std::string_view message) {
+  FileLine line;
+  line.add(date);
+  line.add(traits.label);
+  line.add(context.lineTag);
+  line.add(thread);
+  line.add(message);
+  write_log_line(line.text(), context.path, traits.urgent);
 }
 
 /// Sends the message to system log, console and file, as far as they want it.
-void deliver(const kelLogCtx& context, int level, const LevelTraits& traits, int flags) {
+void deliver(const kelLogCtx& context, size_t length, int level, const LevelTraits& traits,
+             int flags) {
   const bool to_syslog = load_field(logconf.syslogOpen) && traits.priority != 0 &&
                          (load_field(logconf.syslogFlags) & level) == level;
   const bool to_output = (flags & level) == level && (flags & KEL_LOG_NO_OUTPUT) == 0;
@@ -148,12 +208,13 @@ void deliver(const kelLogCtx& context, int level, const LevelTraits& traits, int
   const bool to_file = context.path[0] != '\0';
   if (!to_console && !to_file) return;
   const bool console_date = to_console && (flags & KEL_LOG_CONSOLE_DATE) != 0;
-  char date[kDateSize] = "";
-  if (to_file || console_date) format_date(date, flags, context, traits.extended);
+  char date[kDateSize];
+  size_t date_length = 0;
+  if (to_file || console_date) date_length = format_date(date, flags, context, traits.extended);
   if (to_console)
     std::fprintf(stderr, "%s%s%s%s", console_date ? date : "", traits.console, thread,
                  context.message);
-  if (to_file) write_file(traits, context, date, thread);
+  if (to_file) write_file(traits, context, {date, date_length}, thread, {context.message, length});
 }
 
 }  // namespace
@@ -168,7 +229,7 @@ void log_message(int code, int level, const char* format, va_list args) {
   const LevelTraits& traits = traits_of(level);
   const int enable = traits.extended ? KEL_LOG_INFO : level;
   const int flags = load_field(logconf.flags);
-  deliver(context, enable, traits, flags);
+  deliver(context, length, enable, traits, flags);
   if (level != KEL_LOG_TRACE) std::memcpy(context.lastMessage, context.message, length + 1);
 
   if (context.redirector != nullptr && (flags & enable) == enable) {

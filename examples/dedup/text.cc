@@ -31,7 +31,10 @@ std::string size_text(uint64_t bytes) {
   }
   auto value = static_cast<double>(bytes);
   size_t unit = 0;
-  for (; value >= 1023.95; value /= 1024) ++unit;
+  while (value >= 1023.95) {
+    value /= 1024;
+    ++unit;
+  }
   std::snprintf(text, sizeof text, "%.1f %s", value, kUnits[unit]);
   return text;
 }

@@ -25,6 +25,7 @@ bool Text::copy(std::string_view head, std::string_view tail, bool may_hold_nul)
     if (to == nullptr) return false;
     if (!head.empty()) std::memcpy(to, head.data(), head.size());
     if (!tail.empty()) std::memcpy(to + head.size(), tail.data(), tail.size());
+    // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): `fresh` owns it, by the bit set below
     fresh = Text({to, size}, may_hold_nul);
     fresh.bits_ |= kOwned;
   }

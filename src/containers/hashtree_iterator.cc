@@ -16,6 +16,7 @@ enum State : uint32_t { kOnRecord = 0, kBeforeFirst = 1, kAfterLast = 2 };
 /// Whether `it` can be moved; else false after a report for `function`.
 bool is_usable(const KelHashTreeIterator* it, const char* function) {
   if (it == nullptr) return fail(false, EINVAL, kNull, function);
+  // NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult): set by every init function
   if (it->path != nullptr) return true;
   return fail(false, EINVAL, "%s: unable to tell if tree path is empty: %s", function,
               std::strerror(EINVAL));

@@ -1,4 +1,5 @@
 // Paths from a bucket's root down to one of its nodes.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -98,9 +99,10 @@ KelHashTreePath* KelHashTreePathSetDepth(KelHashTreePath* path, uint64_t depth) 
 
 KelHashTreeNode* KelHashTreePathRemove(KelHashTreePath* path, uint64_t index) {
   if (!has_entry(path, index, __func__)) return nullptr;
+  KelHashTreeNode* const* end = path->entries + path->depth--;
   KelHashTreeNode** entry = path->entries + index;
-  KelHashTreeNode* removed = *entry;
-  std::memmove(entry, entry + 1, (--path->depth - index) * sizeof *entry);
+  KelHashTreeNode* removed = *entry;  // NOLINT(clang-analyzer-core.NullDereference): checked above
+  std::copy<KelHashTreeNode* const*>(entry + 1, end, entry);
   return removed;
 }
 

@@ -48,6 +48,7 @@ inline bool is_free(const preallocator_t* a, const preallocator_block* block) no
 
 inline void* take_free_block(preallocator_t* a) noexcept {
   preallocator_block* block = a->free_blocks;
+  // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): there is a free block, or a slab was added
   preallocator_block* next = block->next;
   a->free_blocks = next;
   if (next != nullptr) next->prev = nullptr;

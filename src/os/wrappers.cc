@@ -26,7 +26,7 @@ int kel_stat(const char* path, struct stat* status) { return ::stat(path, status
 
 int kel_access(const char* path, int mode) { return ::access(path, mode); }
 
-int64_t kel_strtoi(const char* str) { return std::atol(str); }
+int64_t kel_strtoi(const char* str) { return std::strtol(str, nullptr, 10); }
 
 int64_t kel_atoi(const char* str) { return kel_strtoi(str); }
 

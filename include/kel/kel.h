@@ -27,6 +27,7 @@
 #include <kel/magic.h>
 #include <kel/options.h>
 #include <kel/os.h>
+#include <kel/passwd.h>
 #include <kel/path.h>
 #include <kel/preallocator.h>
 #include <kel/runtime.h>

@@ -10,8 +10,10 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 
 namespace {
@@ -54,6 +56,20 @@ std::optional<Contents> read_plainly(std::istream& in) {
   return found;
 }
 
+/// The first line alone, as a caller's own stream gives it.
+void check_first_line(const std::string& path, const std::string& file) {
+  std::ifstream in(path);
+  const std::string first = file.substr(0, file.find('\n'));
+  const auto expected = number(first, "version=");
+  unsigned long value = 0;
+  try {
+    require(_getLineParse(in, "version", value) == first && expected == value);
+  } catch (const std::runtime_error& failure) {
+    require(!expected &&
+            failure.what() == std::string(file.empty() ? "file read error" : "bad line format"));
+  }
+}
+
 void check(const std::string& file, const std::string& stored) {
   std::istringstream in(file);
   const std::optional<Contents> expected = read_plainly(in);
@@ -65,6 +81,7 @@ void check(const std::string& file, const std::string& stored) {
   const int memory = memfd_create("key", MFD_CLOEXEC);
   const std::string path = "/proc/self/fd/" + std::to_string(memory);
   require(::write(memory, file.data(), file.size()) == static_cast<ssize_t>(file.size()));
+  check_first_line(path, file);
   char key[KEL_AUTH_KEY_SIZE];
   int index = 0;
   require((_getAuthKey(path.c_str(), index, key, sizeof key, 0) == 0) == valid);

@@ -15,7 +15,6 @@
 
 #include "crypto/secret.h"
 #include "internal/handles.h"
-#include "internal/hex.h"
 #include "internal/report.h"
 
 using namespace kel::internal;

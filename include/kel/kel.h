@@ -30,6 +30,7 @@
 #include <kel/passwd.h>
 #include <kel/path.h>
 #include <kel/preallocator.h>
+#include <kel/probes.h>
 #include <kel/runtime.h>
 #include <kel/safeio.h>
 #include <kel/serialize.h>

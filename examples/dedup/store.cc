@@ -1,26 +1,22 @@
 // Storing: walk, cut, look up, keep what is new; the snapshot becomes visible when all is safe.
 #include <kel/logging.h>
-#include <kel/path.h>
 #include <kel/safeio.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
-#include <optional>
 
 #include "catalogue.h"
 #include "chunk_index.h"
 #include "chunker.h"
 #include "commands.h"
 #include "container.h"
-#include "descriptor.h"
 #include "progress.h"
 #include "text.h"
 #include "walk.h"
@@ -37,32 +33,7 @@ bool is_unchanged(const struct stat& before, const struct stat& after, uint64_t 
          static_cast<uint64_t>(after.st_size) == size;
 }
 
-/// Far below what a segment of a catalogue can hold.
-constexpr size_t kLongestPath = size_t{1} << 20;
-
-/// Names in byte order, each folder followed by what is in it: the order of PathCompareA().
-int by_name(const DDSENT** a, const DDSENT** b) {
-  return BufCompareA((*a)->dds_name, (*b)->dds_name);
-}
-
-/// What is kept of a file of that status.
-Entry entry_of(std::string path, const struct stat& status) {
-  Entry entry;
-  entry.path = std::move(path);
-  entry.mode = status.st_mode & 07777;
-  entry.owner = status.st_uid;
-  entry.group = status.st_gid;
-  entry.seconds = status.st_mtim.tv_sec;
-  entry.nanoseconds = static_cast<uint32_t>(status.st_mtim.tv_nsec);
-  return entry;
-}
-
-/// Whether `folder` is above `path`.
-bool leads_to(const std::string& path, const std::string& folder) {
-  return path != folder && (folder.empty() || path.starts_with(folder + '/'));
-}
-
-class Store {
+class Store final : public WalkVisitor {
  public:
   Store(const Repository& repository, ChunkIndex& index, ContainerNumbers& numbers, bool quiet)
       : repository_(repository),
@@ -78,15 +49,19 @@ class Store {
   void print_summary(uint32_t number);
   const Summary& summary() const { return summary_; }
 
+  bool folder(const Entry& entry) override {
+    ++summary_.folders;
+    return catalogue_.add(Item::kFolder, entry);
+  }
+  bool link(const Entry& entry) override {
+    ++summary_.links;
+    return catalogue_.add(Item::kLink, entry);
+  }
+  bool file(const Entry& entry, int folder, const std::string& name) override;
+  bool problem(const std::string& path, int error) override;
+  bool left_out(const std::string& path, const char* why) override;
+
  private:
-  bool walk(const std::string& source, const struct stat& own);
-  bool visit(DDSENT* found, const std::string& path);
-  void enter(DDSENT* found, const std::string& path);
-  int folder_of(const DDSENT* found) const;
-  bool store_link(const DDSENT* found, const std::string& path);
-  bool store_file(const DDSENT* found, const std::string& path);
-  void leave_out(const std::string& path, const char* why);
-  void problem(const std::string& path, int error);
   std::string full_path(const std::string& path) const;
   bool store_data(int file, uint64_t& size, int& error);
   bool store_chunk(Bytes data);
@@ -99,9 +74,6 @@ class Store {
   Chunker chunker_;
   Progress progress_;
   std::vector<unsigned char> buffer_;
-  /// From the source down to the folder that the walk is in. What is read goes by them, so that no
-  /// path is too long and no link leads it elsewhere.
-  std::vector<Descriptor> folders_;
 };
 
 bool Store::run(const std::string& source, uint32_t number) {
@@ -119,7 +91,7 @@ bool Store::run(const std::string& source, uint32_t number) {
   if (!catalogue_.create(repository_.temporaries() + "/" + name)) return false;
   summary_.time = std::time(nullptr);
   summary_.source = source;
-  const bool walked = walk(source, own);
+  const bool walked = walk(source, own, *this);
   progress_.clear();
   if (!walked || !containers_.finish()) return false;
   summary_.stored_bytes = containers_.stored_bytes();
@@ -130,133 +102,37 @@ std::string Store::full_path(const std::string& path) const {
   return path_text(path.empty() ? summary_.source : summary_.source + "/" + path);
 }
 
-void Store::leave_out(const std::string& path, const char* why) {
-  progress_.clear();
-  WarningA(-1, "%s %s: not stored", full_path(path).c_str(), why);
-}
-
-void Store::problem(const std::string& path, int error) {
+bool Store::problem(const std::string& path, int error) {
   progress_.clear();
   ErrorA(error, "could not read %s: %s", full_path(path).c_str(), std::strerror(error));
   ++summary_.problems;
+  return true;
 }
 
-/// Stores all that is in `source`, except the folder `own`. A folder that cannot be read to its end
-/// ends a walk; another one then goes on behind it.
-bool Store::walk(const std::string& source, const struct stat& own) {
-  const std::string root = source + "/.";  // a folder, or nothing
-  std::optional<std::string> broken;
-  for (;;) {
-    const UniqueWalk walk(DirOpenA(root.c_str(), DDS_PHYSICAL | DDS_NOCHDIR, by_name, 0));
-    if (walk == nullptr) {
-      ErrorA(errno, "could not store %s: %s", path_text(source).c_str(), std::strerror(errno));
-      return false;
-    }
-    std::string path;
-    bool is_new = !broken;
-    while (DDSENT* const found = DirGetNextA(walk.get())) {
-      path = found->dds_level == 0 ? "" : found->dds_path + root.size() + 1;
-      is_new = is_new || PathCompareA(path.c_str(), broken->c_str(), '/') > 0;
-      const bool is_own = found->dds_ino == own.st_ino && found->dds_dev == own.st_dev;
-      if (!is_own && is_new) {
-        if (!visit(found, path)) return false;
-      } else if (!is_own && found->dds_info == DDS_D && leads_to(*broken, path)) {
-        enter(found, path);
-      } else {
-        DirSetFlagsA(found, DDS_SKIP);
-      }
-    }
-    if (errno == 0) return true;
-    problem(path, errno);
-    if (!is_new) return true;  // the way to where it would go on is broken now
-    broken = path;
-  }
+bool Store::left_out(const std::string& path, const char* why) {
+  progress_.clear();
+  WarningA(-1, "%s %s: not stored", full_path(path).c_str(), why);
+  return true;
 }
 
-bool Store::visit(DDSENT* found, const std::string& path) {
-  if (path.size() > kLongestPath) {
-    if (found->dds_info != DDS_DP) problem(path, ENAMETOOLONG);
-    DirSetFlagsA(found, DDS_SKIP);
-    return true;
-  }
-  switch (found->dds_info) {
-    case DDS_D:
-      // One that may not be opened is kept as an empty folder.
-      enter(found, path);
-      ++summary_.folders;
-      return catalogue_.add(Item::kFolder, entry_of(path, *found->dds_statp));
-    case DDS_DP:
-      return true;
-    case DDS_F:
-      return store_file(found, path);
-    case DDS_SL:
-      return store_link(found, path);
-    case DDS_DC:
-      leave_out(path, "is a folder above it, mounted there");
-      return true;
-    case DDS_DEFAULT:
-      leave_out(path, "is neither file, folder nor link");
-      return true;
-    default:
-      problem(path, found->dds_errno);
-      return true;
-  }
-}
-
-/// Opens a folder for what is in it; after a report the walk stays out of it.
-void Store::enter(DDSENT* found, const std::string& path) {
-  folders_.resize(static_cast<size_t>(found->dds_level));
-  folders_.emplace_back(::openat(folder_of(found),
-                                 found->dds_level == 0 ? found->dds_path : found->dds_name,
-                                 O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (folders_.back()) return;
-  problem(path, errno);
-  DirSetFlagsA(found, DDS_SKIP);
-}
-
-int Store::folder_of(const DDSENT* found) const {
-  return found->dds_level == 0 ? AT_FDCWD
-                               : folders_[static_cast<size_t>(found->dds_level - 1)].get();
-}
-
-bool Store::store_link(const DDSENT* found, const std::string& path) {
-  Entry entry = entry_of(path, *found->dds_statp);
-  entry.target.resize(PATH_MAX);
-  const ssize_t length =
-      ::readlinkat(folder_of(found), found->dds_name, entry.target.data(), entry.target.size());
-  if (length < 0) {
-    problem(path, errno);
-    return true;
-  }
-  entry.target.resize(static_cast<size_t>(length));
-  ++summary_.links;
-  return catalogue_.add(Item::kLink, entry);
-}
-
-bool Store::store_file(const DDSENT* found, const std::string& path) {
+bool Store::file(const Entry& entry, int folder, const std::string& name) {
   // The file may have given way to something else since the walk saw it.
   const Descriptor file(
-      ::openat(folder_of(found), found->dds_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+      ::openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat status;
   const bool readable = file && ::fstat(file.get(), &status) == 0;
-  if (!readable || !S_ISREG(status.st_mode)) {
-    problem(path, readable ? ESTALE : errno);
-    return true;
-  }
+  if (!readable || !S_ISREG(status.st_mode)) return problem(entry.path, readable ? ESTALE : errno);
   uint64_t size = 0;
   int error = 0;
-  if (!catalogue_.add(Item::kFile, entry_of(path, status)) ||
+  if (!catalogue_.add(Item::kFile, entry_of(entry.path, status)) ||
       !store_data(file.get(), size, error) || !catalogue_.end_file(size, error == 0))
     return false;
-  if (error != 0) {
-    problem(path, error);
-    return true;
-  }
+  if (error != 0) return problem(entry.path, error);
   struct stat after;
   if (::fstat(file.get(), &after) == 0 && !is_unchanged(status, after, size)) {
     progress_.clear();
     WarningA(-1, "%s changed while it was read: old and new parts may be mixed",
-             full_path(path).c_str());
+             full_path(entry.path).c_str());
     ++summary_.problems;
   }
   ++summary_.files;

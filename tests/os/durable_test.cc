@@ -13,19 +13,13 @@
 
 namespace {
 
-using kel::testing::error;
-using kel::testing::Fault;
-using kel::testing::open_descriptors;
-using kel::testing::read_file;
-using kel::testing::ReportCapture;
+using namespace kel::testing;
+using namespace ::testing;
 using kel::testing::TempDir;
-using kel::testing::write_file;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 std::string because(int code) { return std::string(": ") + std::strerror(code); }
 
-class Durable : public ::testing::Test {
+class Durable : public Test {
  protected:
   Durable() { write_file(from, "data"); }
 
@@ -90,7 +84,7 @@ TEST_F(Durable, EveryStepOfAFlushCanFailAndLeaksNothing) {
   EXPECT_THAT(reports.take(), ElementsAre(error(EIO, "dirfsync: Could not fsync directory '" +
                                                          home + "'" + because(EIO))));
   static int left_open;
-  using Close = kel::testing::Hooked<"close", int(int)>;
+  using Close = Hooked<"close", int(int)>;
   const auto failing_close = [](int fd) {
     left_open = fd;
     errno = EIO;
@@ -131,7 +125,7 @@ TEST_F(Durable, SafeRenameNamesThePathThatIsMissing) {
 std::string opened_with;
 
 TEST_F(Durable, FopenExDropsTheLettersThatTheCLibraryDoesNotKnow) {
-  const kel::testing::Hooked<"fopen", FILE*(const char*, const char*)> hook(
+  const Hooked<"fopen", FILE*(const char*, const char*)> hook(
       [](const char*, const char* mode) -> FILE* {
         opened_with = mode;
         return nullptr;

@@ -18,20 +18,11 @@
 
 namespace {
 
-using kel::testing::at_most;
-using kel::testing::error;
-using kel::testing::fails;
-using kel::testing::Fault;
-using kel::testing::gives_nothing;
-using kel::testing::read_file;
-using kel::testing::ReportCapture;
-using kel::testing::Scripted;
+using namespace kel::testing;
+using namespace ::testing;
 using kel::testing::TempDir;
-using kel::testing::write_file;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
-class SafeIo : public ::testing::Test {
+class SafeIo : public Test {
  protected:
   SafeIo() {
     write_file(path, "0123456789");
@@ -182,7 +173,7 @@ TEST_F(SafeIo, RealSignalsDoNotReachTheCallerOfABlockedRead) {
   EXPECT_THAT(reports.take(), IsEmpty());
 }
 
-class SafeSocket : public ::testing::Test {
+class SafeSocket : public Test {
  protected:
   SafeSocket() { EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0); }
   ~SafeSocket() override {

@@ -1,18 +1,11 @@
 // Comparing and loading files, names of temporary ones, sizes.
 #include <kel/file.h>
 
-#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <memory>
-#include <random>
-#include <string>
 
-#include "support/import_hook.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,22 +1,16 @@
 #include <kel/file.h>
 
-#include <gmock/gmock.h>
 #include <openssl/crypto.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <numeric>
-#include <random>
 #include <set>
-#include <string>
 
 #include "os/scripted_calls.h"
-#include "support/import_hook.h"
 #include "support/mount_space.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,16 +1,9 @@
 #include <kel/file.h>
 
-#include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <cstring>
-#include <filesystem>
-#include <string>
-
-#include "support/import_hook.h"
 #include "support/mount_space.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 

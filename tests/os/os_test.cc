@@ -2,7 +2,6 @@
 #include <kel/os.h>
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <pty.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -15,9 +14,7 @@
 #include <optional>
 #include <thread>
 
-#include "support/import_hook.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 

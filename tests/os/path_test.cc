@@ -1,17 +1,8 @@
 #include <kel/path.h>
 
-#include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <filesystem>
-#include <random>
-#include <string>
-#include <vector>
-
-#include "support/import_hook.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,7 +1,6 @@
 #include <kel/safeio.h>
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -9,12 +8,10 @@
 #include <atomic>
 #include <chrono>
 #include <climits>
-#include <string>
 #include <thread>
 
 #include "os/scripted_calls.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 

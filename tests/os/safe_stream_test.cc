@@ -1,14 +1,9 @@
 #include <kel/safeio.h>
 
-#include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <cstring>
-#include <string>
-
 #include "os/scripted_calls.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 

@@ -85,7 +85,7 @@ bool list_numbered(const std::string& folder, const char* suffix,
   if (!list(folder, names)) return false;
   for (const std::string& name : names)
     if (const uint32_t number = number_of(name, suffix))
-      files.push_back({number, folder + "/" + name});
+      files.push_back({number, std::string(folder).append("/").append(name)});
   std::sort(files.begin(), files.end(),
             [](const auto& a, const auto& b) { return a.number < b.number; });
   return true;

@@ -1,6 +1,6 @@
 #include <kel/iprange.h>
 
-#include "support/testing.h"
+#include "support/test.h"
 
 namespace {
 

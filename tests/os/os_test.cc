@@ -120,7 +120,7 @@ TEST(Mounts, AgreeWithDfAndFindmnt) {
                 std::to_string(OSGetFSUsedSizeW(dir.path().wstring().c_str())) + ' ' +
                 std::to_string(OSGetFSAvailSizeA(point.c_str())) + '\n');
   EXPECT_EQ(lines_of(OSGetMountListA(), OSGetMountListW()),
-            output_of("findmnt -rno SOURCE,TARGET,FSTYPE"));
+            output_of("findmnt -rnvo SOURCE,TARGET,FSTYPE"));
   OSMountA** list = OSGetMountInfoA(KEL_MOUNTS_PSEUDO);
   OSMountA** last = list;
   while (last[1] != nullptr) ++last;

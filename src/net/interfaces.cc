@@ -74,11 +74,12 @@ NetInterface** select(const InterfaceTable& table, Wanted wanted) {
   if (count == 0) return fail_quietly<NetInterface**>(nullptr, ENOENT);
   NetInterface** list = make_list(count);
   if (list == nullptr) return fail_list(list_size(count));
-  NetInterface** next = list;
+  size_t i = 0;
   for (const ifreq& entry : entries) {
     if (!wanted(entry)) continue;
-    copy_cut((*next)->name, entry.ifr_name);
-    copy_cut((*next++)->address, AddressText(entry).text);
+    NetInterface* record = list[i++];
+    copy_cut(record->name, entry.ifr_name);
+    copy_cut(record->address, AddressText(entry).text);
   }
   return list;
 }

@@ -79,7 +79,7 @@ bool add_element(iprange_list_t* list, Text element, const char* range_text) {
   if (iprange_list_add(list, range.get()) != 0)
     return fail(false, errno, "%s: Add the node into IP range list failed %.*s%s", kName,
                 print_width(element), element.data(), suffix);
-  range.release();
+  static_cast<void>(range.release());  // the list has it
   return true;
 }
 

@@ -39,16 +39,17 @@ struct AddressFields {
 /// zeros; a dot belongs to the field behind it.
 inline AddressFields read_fields(const char* text) noexcept {
   AddressFields fields{.address = 0, .count = 0, .end = text};
-  while (fields.count < 4) {
-    const char* next = fields.count == 0 ? text : fields.end + 1;
-    if ((fields.count != 0 && *fields.end != '.') || !is_digit(*next)) break;
+  for (const char* next = text; is_digit(*next); next = fields.end + 1) {
     unsigned value = static_cast<unsigned>(*next++ - '0');
-    while (value != 0 && is_digit(*next) && value * 10 + (*next - '0') <= 255)
-      value = value * 10 + static_cast<unsigned>(*next++ - '0');
-    fields.address |= value << (24 - 8 * fields.count);
-    ++fields.count;
+    if (value != 0)
+      for (; is_digit(*next); ++next) {
+        const unsigned longer = value * 10 + static_cast<unsigned>(*next - '0');
+        if (longer > 255) break;
+        value = longer;
+      }
+    fields.address |= value << (24 - 8 * fields.count++);
     fields.end = next;
-    if (is_digit(*next)) break;
+    if (fields.count == 4 || *next != '.') break;
   }
   return fields;
 }

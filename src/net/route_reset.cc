@@ -50,7 +50,7 @@ class RouteStore {
     const size_t capacity = std::max<size_t>(2 * size, 4096);
     void* grown = std::realloc(bytes_.get(), capacity);
     if (grown == nullptr) return false;
-    [[maybe_unused]] const void* moved = bytes_.release();
+    static_cast<void>(bytes_.release());
     bytes_.reset(static_cast<unsigned char*>(grown));
     capacity_ = capacity;
     return true;

@@ -68,21 +68,16 @@ TEST(Interfaces, AgreeWithIpHoweverManyThereAre) {
   EXPECT_THAT(reports.take(), Each(::testing::Field(&Report::code, 140)));
   fail_each<"socket", int(int, int, int)>(-1, EMFILE, listed);
   fail_each<"ioctl", int(int, unsigned long, void*)>(-1, EPERM, listed);
+  const Report untold = error(EPERM, "NetGetIPAddrList: could not list the interfaces");
   EXPECT_THAT(reports.take(),
-              ElementsAre(error(EMFILE, "NetGetIPAddrList: could not create socket"),
-                          error(EPERM, "NetGetIPAddrList: could not list the interfaces"),
-                          error(EPERM, "NetGetIPAddrList: could not list the interfaces"),
-                          error(EPERM, "NetGetIPAddrList: could not list the interfaces")));
+              ElementsAre(error(EMFILE, "NetGetIPAddrList: could not create socket"), untold,
+                          untold, untold));
   EXPECT_EQ(open_descriptors(), open_before);
-  const auto pick = [&](const char* text) {
-    return [=, &ip, &name] { return NetGetIFFromIPRange(text, ip, sizeof ip, name, 16) == -1; };
-  };
-  const std::string choice = "NetGetIFFromIPRange: ";
   expect_refused(
       reports,
       {{ENOENT, "", [] { return NetGetIfaceList("eth7") == nullptr; }},
-       {EINVAL, choice + "no single host: 10.1.0.1/31", pick("10.1.0.1/31")},
-       {EADDRNOTAVAIL, choice + "no local interface has the address 9.9.9.9", pick("9.9.9.9")},
+       {EADDRNOTAVAIL, "NetGetIFFromIPRange: no local interface has the address 9.9.9.9",
+        [&] { return NetGetIFFromIPRange("9.9.9.9", ip, sizeof ip, name, sizeof name) == -1; }},
        {ENOENT, "NetGetRandomIPFromIPRange: Get random ip address failed.9.0.0.0/8",
         [&] { return NetGetRandomIPFromIPRange("9.0.0.0/8", ip, sizeof ip) == -1; }}});
 }

@@ -37,7 +37,7 @@ bool check_plainly(const char* range_text, const char* ip) {
   for (char* element = strtok_r(copy, ", ", &state); element != nullptr && !inside;
        element = strtok_r(nullptr, ", ", &state)) {
     char* slash = std::strchr(element, '/');
-    const int length = slash == nullptr ? 32 : std::atoi(slash + 1);
+    const long length = slash == nullptr ? 32 : std::strtol(slash + 1, nullptr, 10);
     if (slash != nullptr) *slash = '\0';
     in_addr network;
     if (inet_pton(AF_INET, element, &network) != 1 || length < 0 || length > 32) break;

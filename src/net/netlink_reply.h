@@ -1,5 +1,5 @@
-// Routes from the kernel over rtnetlink (rtnetlink(7)). What arrives is read by functions over
-// bytes that trust no length in them; the socket and its exchanges are on top.
+// What the kernel answers over rtnetlink (rtnetlink(7)), read by functions over bytes that trust no
+// length in them.
 #pragma once
 
 #include <linux/netlink.h>

@@ -34,7 +34,7 @@ class Routes : public ::testing::Test {
     return network.ask("route get " + host, "r['dev'] + ' ' + r.get('gateway', '-') for r in all");
   }
 
-  const OwnNetwork network;
+  const OwnNetwork network = {};
   ReportCapture reports;
   size_t open_before = 0;
 };

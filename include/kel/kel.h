@@ -5,6 +5,7 @@
 #ifndef KEL_KEL_H
 #define KEL_KEL_H
 
+#include <kel/address.h>
 #include <kel/array.h>
 #include <kel/base64.h>
 #include <kel/binsort.h>

@@ -38,6 +38,8 @@
 
 KEL_BEGIN_DECLS
 
+struct addrinfo; /* strict C11 hides it in <netdb.h> */
+
 /** Where a relayed connection goes, and through which proxy; texts end within their fields. */
 typedef struct cvnetinfo {
   char desthost[256];   /**< the host that was asked for */

@@ -22,6 +22,7 @@
 #include <kel/file.h>
 #include <kel/hashtree.h>
 #include <kel/inifile.h>
+#include <kel/iprange.h>
 #include <kel/library.h>
 #include <kel/logfiles.h>
 #include <kel/logging.h>

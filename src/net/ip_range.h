@@ -1,0 +1,21 @@
+// Range lists inside the library.
+#pragma once
+
+#include <kel/iprange.h>
+
+#include <memory>
+
+namespace kel::internal {
+
+struct FreeRanges {
+  void operator()(iprange_list_t* list) const noexcept { iprange_list_destroy(list); }
+};
+using RangeList = std::unique_ptr<iprange_list_t, FreeRanges>;
+
+/// iprange_list_create(); null after a report of `function` too.
+RangeList parse_ranges(const char* range_text, const char* function);
+
+/// The one record of a list that is a single host, else null.
+const iprange_t* single_host(const iprange_list_t* list);
+
+}  // namespace kel::internal

@@ -71,6 +71,7 @@ void OSTest(FILE* stream) {
   print_types(out);
   print_memory(out);
   print_mount_section(out);
+  print_interface_section(out);
   print_process(out);
   std::fprintf(out, "OS Check complete\n");
 }

@@ -183,7 +183,8 @@ KEL_API int NetGetRandomIPFromIPRange(const char* rangeText, char* ip, size_t ip
  * null; a label of an address, as in "eth0:1", stands for its interface.
  *
  * 0, or -1: EINVAL for a null argument or a bad target, ENETUNREACH when there is no route to it at
- * all, EPERM without the privilege, and what else the kernel says. @{ */
+ * all, ESRCH when the best route is none that can be deleted, EPERM without the privilege, and what
+ * else the kernel says. @{ */
 KEL_API int NetAddRoute(const char* target, const char* ifip, const char* ifname);
 KEL_API int NetDelRoute(const char* target, const char* ifip, const char* ifname);
 /** @} */
@@ -199,8 +200,9 @@ KEL_API int NetDelRoute(const char* target, const char* ifip, const char* ifname
  *
  * Routes over several next hops, or over next-hop objects, are left alone.
  *
- * @return 0; -1 for a null argument (EINVAL), an unknown interface (ENODEV), without the privilege
- *         (EPERM) or when the kernel refuses a change, with the changes before that one made
+ * @param ifname  an interface that does not exist has no routes to put in order: 0
+ * @return 0; -1 for a null argument (EINVAL), without the privilege (EPERM) or when the kernel
+ *         refuses a change, with the changes before that one made
  */
 KEL_API int NetResetRoutingtable(const char* ifname);
 /** NetResetRoutingtable() on the interface that carries the address of a single-host range; -1 as

@@ -115,7 +115,7 @@ NetInterface** NetGetIPAddrList(const iprange_list_t* list) {
   if (table.entries().empty())
     return fail<NetInterface**>(nullptr, ENOENT, "%s: invalid interface list", __func__);
   return select(table, [list](const ifreq& entry) {
-    return iprange_list_lookup(list, address_of(entry.ifr_addr)) != nullptr;
+    return find_range(*list, address_of(entry.ifr_addr)) != nullptr;
   });
 }
 

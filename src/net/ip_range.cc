@@ -11,7 +11,6 @@
 #include <cstring>
 #include <string_view>
 
-#include "containers/list.h"
 #include "internal/ascii.h"
 #include "internal/handles.h"
 #include "internal/report.h"
@@ -150,11 +149,8 @@ int iprange_list_add(iprange_list_t* list, iprange_t* range) {
 const iprange_t* iprange_list_lookup(const iprange_list_t* list, uint32_t address) {
   if (list == nullptr)
     return fail<const iprange_t*>(nullptr, EINVAL, "%s: invalid NULL parameter", __func__);
-  for (const ListNode* node = list->head.next; node != nullptr; node = node->next) {
-    const auto* range = static_cast<const iprange_t*>(node->element);
-    if ((address & range->mask) == range->network) return range;
-  }
-  return fail_quietly<const iprange_t*>(nullptr, ENOENT);
+  const iprange_t* range = find_range(*list, address);
+  return range != nullptr ? range : fail_quietly(range, ENOENT);
 }
 
 void iprange_list_destroy(iprange_list_t* list) {

@@ -27,6 +27,7 @@
 #include <kel/logfiles.h>
 #include <kel/logging.h>
 #include <kel/magic.h>
+#include <kel/net.h>
 #include <kel/options.h>
 #include <kel/os.h>
 #include <kel/path.h>

@@ -74,10 +74,11 @@ NetContext* new_context(std::span<UniqueFd> sockets, InterfaceList interfaces, u
   return context.release();
 }
 
-/// The first of `sockets` that are open.
+/// Those of `sockets` that are open, moved to the front.
 std::span<UniqueFd> open_ones(std::span<UniqueFd> sockets) {
-  const auto closed = std::ranges::stable_partition(sockets, &UniqueFd::operator bool);
-  return sockets.first(sockets.size() - closed.size());
+  const auto closed = std::partition(sockets.begin(), sockets.end(),
+                                     [](const UniqueFd& sock) { return bool{sock}; });
+  return {sockets.begin(), closed};
 }
 
 }  // namespace

@@ -10,7 +10,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cstdlib>
+#include <cstdio>
 #include <cstring>
 
 #include "internal/handles.h"
@@ -173,7 +173,7 @@ int connect_to_relay(const cvnetinfo& relay, const NetConnectOptions& options, F
   const int sock = connect_through_relay(relay, options);
   if (sock == -1) {
     const int error = errno;
-    failures->add(relay.cvlinkhost, static_cast<unsigned>(std::atoi(relay.destport)), error);
+    failures->add(relay.cvlinkhost, destination_port(relay), error);
   }
   return sock;
 }

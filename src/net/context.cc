@@ -1,6 +1,7 @@
 // Listening contexts: made for all addresses or for those in a range, and closed.
 #include <kel/logging.h>
 #include <kel/net.h>
+#include <kel/strings.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -94,8 +95,8 @@ NetContext* NetSetupLocal(unsigned int port) {
   if (interfaces == nullptr)
     return fail_allocation<NetContext*>(nullptr, sizeof(NetInterface), __func__);
   NetInterface& all = **interfaces;
-  std::strcpy(all.name, "noiprange");
-  std::strcpy(all.address, kAnyHost);
+  kelstrcpy(all.name, "noiprange", sizeof all.name);
+  kelstrcpy(all.address, kAnyHost, sizeof all.address);
   return new_context(open_ones(sockets), std::move(interfaces), port, __func__);
 }
 
@@ -126,8 +127,8 @@ void NetClose(NetContext* ctx) {
   if (ctx == nullptr)
     return static_cast<void>(fail(0, EINVAL, "%s: invalid NULL parameter", __func__));
   const ErrnoGuard keep;
-  for (int i = 0; i < ctx->socketCount; ++i) UniqueFd(ctx->listenSockets[i]);
-  UniqueFd(ctx->connection);
+  for (int i = 0; i < ctx->socketCount; ++i) const UniqueFd listening(ctx->listenSockets[i]);
+  const UniqueFd connection(ctx->connection);
   std::free(ctx->listenSockets);
   std::free(ctx->bindHost);
   std::free(ctx->allowedPeers);

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string_view>
 
+#include "internal/ascii.h"
 #include "internal/handles.h"
 #include "internal/report.h"
 #include "net/connect.h"
@@ -25,17 +26,6 @@ constexpr long kHandshakeLimit = 120'000;  // milliseconds; a relay's own attemp
 template <size_t Size>
 std::string_view text_of(const char (&field)[Size]) {
   return {field, ::strnlen(field, Size)};
-}
-
-/// The port as a number; 0 when it is none.
-uint16_t parse_port(std::string_view text) {
-  unsigned port = 0;
-  for (const char c : text) {
-    if (c < '0' || c > '9') return 0;
-    port = 10 * port + static_cast<unsigned>(c - '0');
-    if (port > 65535) return 0;
-  }
-  return static_cast<uint16_t>(port);
 }
 
 /// A socket that is connected to the relay itself; none after a report.
@@ -71,9 +61,18 @@ UniqueFd connect_relay(const cvnetinfo& relay, const NetConnectOptions& options)
 
 }  // namespace
 
+uint16_t kel::internal::destination_port(const cvnetinfo& relay) {
+  unsigned port = 0;
+  for (const char c : text_of(relay.destport)) {
+    if (!is_digit(c) || port > 6553) return 0;
+    port = 10 * port + static_cast<unsigned>(c - '0');
+  }
+  return port > 65535 ? 0 : static_cast<uint16_t>(port);
+}
+
 int kel::internal::connect_through_relay(const cvnetinfo& relay, const NetConnectOptions& options) {
   const std::string_view host = text_of(relay.desthost);
-  const uint16_t port = parse_port(text_of(relay.destport));
+  const uint16_t port = destination_port(relay);
   const bool has_host = !host.empty() && host.size() <= kLongestRelayedName;
   if (!has_host || port == 0) {
     report_error(kRelayCode,

@@ -12,6 +12,9 @@
  * Services are port numbers in decimal, never names. Resolution blocks for as long as the system's
  * resolver does, up to three times, with a second between.
  *
+ * Addresses that sockets are bound to (kel/net.h) are resolved without that question, as a host
+ * with a proxy has services of its own.
+ *
  * Failures of resolution are EAI_* codes for gai_strerror(3); other results are told with each
  * function. Thread-safe: the settings of the proxy are shared under a lock of their own.
  *

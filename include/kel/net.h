@@ -155,13 +155,19 @@ KEL_API void NetClose(NetContext* ctx);
  *
  * Each address is tried from each address of the local interface, if one is named (when it cannot
  * be resolved, from any). A host route is added before the attempt and deleted when that fails,
- * each only where it makes a difference (NetAddRoute()). An entry for a NAT proxy is connected
- * through it.
+ * each only where it makes a difference (NetAddRoute()); after a success it stays. The local
+ * interface is resolved here even where there is a NAT proxy. An entry for such a proxy is
+ * connected through it, with the socket options but from any local address, as
+ * NetConnectByAddr4Cvnet() does.
+ *
+ * An attempt that nobody answers ends after about half a minute (NetSetSocketOptions()), so a list
+ * takes at most that long for each pair of addresses.
  *
  * @param opts  may be null
  * @return the socket, blocking, owned by the caller; -1 with the error of the last attempt (not
  *         ENETUNREACH, if there was another). When an attempt was made, the thread's fatal error
- *         record (kel/library.h) names the service, the port and the addresses.
+ *         record (kel/library.h) names the service ("chunkd" for port 10082, else "vaultd"), the
+ *         port and the addresses, or the relay.
  */
 KEL_API int NetConnectByAddr(const tq_addrinfo* addrs, const NetConnectOptions* opts);
 /**

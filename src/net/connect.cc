@@ -62,16 +62,18 @@ class Failures {
 
   /// Reports what there was; -1 with the error in errno.
   int report() const {
-    errno = error_;
-    const char* const text = std::strerror(error_);
-    report_error(-1, "%s: Failed to connect to host: %s (%d)", kName, text, error_);
+    // A list may have had nothing to connect to.
+    const int error = error_ == 0 ? EADDRNOTAVAIL : error_;
+    errno = error;
+    const char* const text = std::strerror(error);
+    report_error(-1, "%s: Failed to connect to host: %s (%d)", kName, text, error);
     if (attempted_[0] != '\0')
       kelSetFatalError(kName, kFatalId,
                        "Failed to connect to %s on port %d using the following interface(s): [ %s "
                        "] (%s) Ensure storage server services are running and operational. ",
                        port_ == kChunkPort ? "chunkd" : "vaultd", static_cast<int>(port_),
                        attempted_, text);
-    return fail_quietly(-1, error_);
+    return fail_quietly(-1, error);
   }
 
  private:

@@ -196,7 +196,9 @@ int NetReadReply(NetContext* ctx) {
   const int result = LineReader(ctx->connection, ctx->replyBuffer).read();
   const bool stays_caught = result == KEL_NET_REPLY_EXPIRED || result == KEL_NET_REPLY_TOO_LONG;
   set_broken_pipe_action(stays_caught ? note_broken_pipe : SIG_IGN);
-  if (pipe_broke.exchange(false, std::memory_order_relaxed) && TraceOn())
-    __Trace("%s: interrupted by SIGPIPE", __func__);
+  if (pipe_broke.load(std::memory_order_relaxed)) {
+    pipe_broke.store(false, std::memory_order_relaxed);
+    if (TraceOn()) __Trace("%s: interrupted by SIGPIPE", __func__);
+  }
   return result;
 }

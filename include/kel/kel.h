@@ -5,6 +5,7 @@
 #ifndef KEL_KEL_H
 #define KEL_KEL_H
 
+#include <kel/address.h>
 #include <kel/array.h>
 #include <kel/base64.h>
 #include <kel/binsort.h>
@@ -26,6 +27,7 @@
 #include <kel/logfiles.h>
 #include <kel/logging.h>
 #include <kel/magic.h>
+#include <kel/net.h>
 #include <kel/options.h>
 #include <kel/os.h>
 #include <kel/passwd.h>

@@ -12,9 +12,10 @@
  * handle for a value without members, elements and text.
  *
  * What is read: an object or array in UTF-8 with nothing but white space around it. Refused are
- * other values at the top, the escape \u0000, integers beyond 64 bits, numbers beyond a double, and
- * more than 2,048 levels of nesting. Of members with the same key the last one counts. (jansson
- * 2.14 drops a character of a long string, unnoticed, when memory gives out just while it reads.)
+ * other values at the top, escaped NUL characters, integers beyond 64 bits, numbers beyond a
+ * double, and more than 2,048 levels of nesting. Of members with the same key the last one counts.
+ * (jansson 2.14 drops a character of a long string, unnoticed, when memory gives out just while it
+ * reads.)
  *
  * Threads: an object, and the values that can be reached from it, are used by one thread at a time.
  * References are counted atomically: copies may be destroyed in different threads.

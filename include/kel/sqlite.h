@@ -80,7 +80,8 @@ class KEL_API SQLiteException {
 
 /**
  * The rows of a statement's run, one at a time. It borrows the statement: copies, and sets from
- * another run of it, all stand on the one row that the statement stands on.
+ * another run of it, all stand on the one row that the statement stands on. It must not be used
+ * once the statement is gone.
  *
  * Columns count from 0. Without a row, and for columns that there are not, they are 0 or empty, as
  * they are for null. Other types are converted in SQLite's way: the text "12 MB" is the number 12.
@@ -169,6 +170,7 @@ class KEL_API SQLitePreparedStatement {
   int Run(SQLiteException* error);
   int Step(SQLiteException* error);
   void EndRun();
+  void Forget();
   bool KeepFailure(int code);
   bool ReadText(int col, std::string* text) const;
   void Detach();

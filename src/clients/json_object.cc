@@ -3,6 +3,7 @@
 
 #include <jansson.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <new>
@@ -15,6 +16,25 @@
 using namespace kel::internal;
 
 namespace {
+
+constexpr auto kConstant = static_cast<size_t>(-1);  // true, false and null are not counted
+
+std::atomic_ref<size_t> references(json_t* value) {
+  return std::atomic_ref<size_t>(const_cast<size_t&>(value->refcount));
+}
+
+/// As json_incref().
+void retain(json_t* value) {
+  if (value == nullptr || references(value).load(std::memory_order_relaxed) == kConstant) return;
+  references(value).fetch_add(1, std::memory_order_relaxed);
+}
+
+/// As json_decref(), which reads the count in a way that races with other threads, and does not
+/// wait for what they did to the value before they let go of it.
+void release(json_t* value) {
+  if (value == nullptr || references(value).load(std::memory_order_relaxed) == kConstant) return;
+  if (references(value).fetch_sub(1, std::memory_order_acq_rel) == 1) json_delete(value);
+}
 
 /// The text that jansson writes in pieces. It goes on when the piece of a key was refused, so that
 /// a failure has to be kept.
@@ -43,12 +63,12 @@ json_t* member(const json_t* object, const std::string& key) {
 JsonObject::JsonObject(json_t* value, bool owned) { Init(value, owned); }
 
 JsonObject::JsonObject(const JsonObject& other) : handle_(other.handle_), owned_(other.owned_) {
-  if (owned_) json_incref(handle_);
+  if (owned_) retain(handle_);
 }
 
 JsonObject& JsonObject::operator=(const JsonObject& other) {
   if (this == &other) return *this;
-  if (other.owned_) json_incref(other.handle_);
+  if (other.owned_) retain(other.handle_);
   Free();
   handle_ = other.handle_;
   owned_ = other.owned_;
@@ -65,7 +85,7 @@ void JsonObject::Init(json_t* value, bool owned) {
 
 void JsonObject::Free() {
   json_t* value = std::exchange(handle_, nullptr);
-  if (std::exchange(owned_, false)) json_decref(value);
+  if (std::exchange(owned_, false)) release(value);
 }
 
 json_t* JsonObject::Release() {
@@ -134,7 +154,7 @@ json_t* JsonObject::GetObject(const std::string& key) { return member(handle_, k
 
 bool JsonObject::SetNew(const std::string& key, json_t* value) {
   if (!is_c_text(key)) {  // it could be written, but not be read back
-    json_decref(value);
+    release(value);
     return fail_quietly(false, EINVAL);
   }
   return json_object_setn_new(handle_, key.data(), key.size(), value) == 0;

@@ -16,7 +16,9 @@ bool SQLiteConnection::SetRegistryItem(const std::string& name, const std::strin
   if (set == nullptr) return false;
   set->SetString(1, name);
   set->SetString(2, value);
-  return set->Execute(error);
+  const bool good = set->Execute(error);
+  set->Forget();
+  return good;
 }
 
 std::string SQLiteConnection::GetRegistryItem(const std::string& name, SQLiteException* error) {
@@ -27,6 +29,6 @@ std::string SQLiteConnection::GetRegistryItem(const std::string& name, SQLiteExc
   get->Execute(error);
   std::string value;
   if (!get->ReadText(0, &value)) record(error, nullptr, SQLITE_NOMEM);
-  get->EndRun();  // else the row would keep the database locked
+  get->Forget();  // also because the row would keep the database locked
   return value;
 }

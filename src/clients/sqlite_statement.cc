@@ -51,6 +51,13 @@ void SQLitePreparedStatement::EndRun() {
   if (sqlite3_data_count(statement_) != 0) KeepFailure(sqlite3_reset(statement_));
 }
 
+/// Ends a run whose values are about to go, and that has nothing more to tell.
+void SQLitePreparedStatement::Forget() {
+  EndRun();
+  untold_ = SQLITE_OK;
+  sqlite3_clear_bindings(statement_);
+}
+
 bool SQLitePreparedStatement::SetString(unsigned int index, const std::string& text) {
   EndRun();
   return KeepFailure(bind_text(statement_, index, text, SQLITE_STATIC));

@@ -77,7 +77,7 @@ TEST_F(Sqlite, StatementsRunAgainWithNewValuesAfterRowsAndFailures) {
   SQLiteResultSet row = get->ExecuteQuery(&error);
   EXPECT_TRUE(row.GetInt(0) == 1 && row.GetDouble(2) == 0.5 && row.GetBoolean(3));
   EXPECT_TRUE(row.GetString(1) == kept && row.GetString(9).empty() && row.Next(&error));
-  EXPECT_TRUE(row.GetString(1).size() == 50 && row.Next(&error) && !row.IsLast());
+  EXPECT_TRUE(row.GetString(1) == std::string(50, 't') && row.Next(&error) && !row.IsLast());
   EXPECT_TRUE(row.GetInt64(0) == 1LL << 40 && row.GetBoolean(0) && row.GetInt(0) == 0);
   EXPECT_TRUE(row.Next(&error) && row.IsLast() && row.Next(&error) && row.IsLast());
   db.Close();
@@ -152,7 +152,9 @@ TEST_F(Sqlite, WaitsForALockOfAnotherProcess) {
   end.join();
   EXPECT_EQ(db.GetRegistryItem("k", &error), "1");
   EXPECT_TRUE(db.SetRegistryItem("k", "ours", &error) && db.Commit(&error));
-  EXPECT_EQ(outside("SELECT value FROM registry"), "ours\n");
+  EXPECT_EQ(db.GetRegistryItem("k", &error), "ours");
+  EXPECT_EQ(outside("UPDATE registry SET value = value || 2; SELECT value FROM registry"),
+            "ours2\n");
 }
 
 }  // namespace

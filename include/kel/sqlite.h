@@ -170,7 +170,6 @@ class KEL_API SQLitePreparedStatement {
   int Run(SQLiteException* error);
   int Step(SQLiteException* error);
   void EndRun();
-  void Forget();
   bool KeepFailure(int code);
   bool ReadText(int col, std::string* text) const;
   void Detach();

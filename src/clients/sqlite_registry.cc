@@ -16,9 +16,7 @@ bool SQLiteConnection::SetRegistryItem(const std::string& name, const std::strin
   if (set == nullptr) return false;
   set->SetString(1, name);
   set->SetString(2, value);
-  const bool good = set->Execute(error);
-  set->Forget();
-  return good;
+  return set->Execute(error);
 }
 
 std::string SQLiteConnection::GetRegistryItem(const std::string& name, SQLiteException* error) {
@@ -29,6 +27,6 @@ std::string SQLiteConnection::GetRegistryItem(const std::string& name, SQLiteExc
   get->Execute(error);
   std::string value;
   if (!get->ReadText(0, &value)) record(error, nullptr, SQLITE_NOMEM);
-  get->Forget();  // also because the row would keep the database locked
+  get->EndRun();  // else the row would keep the database locked
   return value;
 }

@@ -51,13 +51,6 @@ void SQLitePreparedStatement::EndRun() {
   if (sqlite3_data_count(statement_) != 0) KeepFailure(sqlite3_reset(statement_));
 }
 
-/// Ends a run whose values are about to go, and that has nothing more to tell.
-void SQLitePreparedStatement::Forget() {
-  EndRun();
-  untold_ = SQLITE_OK;
-  sqlite3_clear_bindings(statement_);
-}
-
 bool SQLitePreparedStatement::SetString(unsigned int index, const std::string& text) {
   EndRun();
   return KeepFailure(bind_text(statement_, index, text, SQLITE_STATIC));
@@ -108,14 +101,15 @@ SQLiteResultSet SQLitePreparedStatement::ExecuteQuery(SQLiteException* error) {
   return {connection_, this, Run(error) == SQLITE_DONE};
 }
 
-/// Copies the bytes of a column; false when there is no memory for them.
+/// Copies the bytes of a column as UTF-8; false when there is no memory for them.
 bool SQLitePreparedStatement::ReadText(int col, std::string* text) const try {
-  // In this order: asking for the text converts the value, and the size is that of the result.
-  const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(statement_, col));
-  const auto size = static_cast<size_t>(sqlite3_column_bytes(statement_, col));
-  if (bytes == nullptr)
+  // Asking for the size converts what is not UTF-8 text or a blob. What is, comes as a blob without
+  // the copy that a terminator takes.
+  const int size = sqlite3_column_bytes(statement_, col);
+  if (size == 0)
     return statement_ == nullptr || sqlite3_errcode(sqlite3_db_handle(statement_)) != SQLITE_NOMEM;
-  text->assign(bytes, size);
+  text->assign(static_cast<const char*>(sqlite3_column_blob(statement_, col)),
+               static_cast<size_t>(size));
   return true;
 } catch (const std::bad_alloc&) {
   return false;

@@ -14,8 +14,10 @@ inline bool is_good(int code) noexcept {
 /// Stores `code` with its text in `error`, if there is one, and returns whether it is good.
 inline bool record(SQLiteException* error, SQLiteConnection* connection, int code) {
   const bool good = is_good(code);
-  // A connection's last text is that of its last failure, also after a step that went well.
-  if (error != nullptr) error->SetErrorCode(good ? nullptr : connection, code);
+  // A good code has one text, which a record with that code holds already; a connection's last text
+  // is that of its last failure, also after a step that went well.
+  if (error != nullptr && !(good && code == error->code))
+    error->SetErrorCode(good ? nullptr : connection, code);
   return good;
 }
 

@@ -1,0 +1,61 @@
+// A response body in a block from realloc(3), which moves large blocks by their pages.
+#include <kel/http.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+#include "internal/report.h"
+
+using namespace kel::internal;
+
+namespace {
+
+constexpr size_t kStep = 1024;
+constexpr size_t kExact = 64 * kStep;  // up to here the capacity is no more than needed
+
+}  // namespace
+
+CURLBuffer::CURLBuffer() { Reserve(kStep, "CURLBuffer"); }
+
+CURLBuffer::~CURLBuffer() { std::free(bytes_); }
+
+bool CURLBuffer::Reserve(size_t needed, const char* caller) {
+  if (needed <= capacity_) return true;
+  if (needed > kExact) needed = std::max(needed, capacity_ + capacity_ / 2);
+  const size_t capacity = (needed + kStep - 1) / kStep * kStep;
+  void* bytes = capacity < needed ? nullptr : std::realloc(bytes_, capacity);
+  if (bytes == nullptr) return fail_allocation(false, needed, caller);
+  bytes_ = static_cast<char*>(bytes);
+  capacity_ = capacity;
+  return true;
+}
+
+size_t CURLBuffer::Append(const void* data, size_t size, size_t nmemb) {
+  size_t count = 0;
+  size_t needed = 0;
+  if (__builtin_mul_overflow(size, nmemb, &count) ||
+      __builtin_add_overflow(length_, count, &needed))
+    return fail(size_t{0}, EINVAL, "%s: invalid size", __func__);
+  if (count == 0) return 0;
+  if (data == nullptr) return fail(size_t{0}, EINVAL, "%s: invalid NULL parameter", __func__);
+  if (!Reserve(needed, __func__)) return 0;
+  std::memcpy(bytes_ + length_, data, count);
+  length_ = needed;
+  return count;
+}
+
+bool CURLBuffer::Finalize() {
+  if (!Reserve(length_ + 1, __func__)) return false;
+  bytes_[length_++] = '\0';
+  return true;
+}
+
+void CURLBuffer::Reset() { length_ = 0; }
+
+const char* CURLBuffer::GetContent() const { return bytes_; }
+
+size_t CURLBuffer::GetContentLength() const { return length_; }
+
+size_t CURLBuffer::GetCapacity() const { return capacity_; }

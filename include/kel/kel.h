@@ -24,6 +24,7 @@
 #include <kel/http.h>
 #include <kel/inifile.h>
 #include <kel/iprange.h>
+#include <kel/json.h>
 #include <kel/library.h>
 #include <kel/logfiles.h>
 #include <kel/logging.h>
@@ -36,6 +37,7 @@
 #include <kel/safeio.h>
 #include <kel/serialize.h>
 #include <kel/set.h>
+#include <kel/sqlite.h>
 #include <kel/strings.h>
 #include <kel/text.h>
 #include <kel/uid.h>

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <new>
 #include <type_traits>
 #include <vector>
 
@@ -105,6 +106,19 @@ long fail_each_malloc(Scenario scenario) {
 template <class Scenario>
 long fail_each_calloc(Scenario scenario) {
   return fail_each<"calloc", void*(size_t, size_t)>(nullptr, ENOMEM, scenario);
+}
+/// As fail_each() for the library's calls of operator new, which throw.
+template <class Scenario>
+long fail_each_new(Scenario scenario) {
+  using Hook = Hooked<"_Znwm", void*(size_t)>;
+  static long left;
+  const Hook hook(
+      [](size_t size) { return --left == 0 ? throw std::bad_alloc() : Hook::real(size); });
+  for (long nth = 1;; ++nth) {
+    left = nth;
+    scenario();
+    if (left > 0) return nth - 1;
+  }
 }
 
 }  // namespace kel::testing

@@ -5,7 +5,8 @@ set -euo pipefail
 
 declare -A packages=(
   [build]="g++ cmake ninja-build pkg-config libssl-dev zlib1g-dev liblzo2-dev libdeflate-dev libcurl4-openssl-dev
-           libboost-dev libsqlite3-dev libjansson-dev libgtest-dev libgmock-dev sqlite3 jq"
+           libboost-dev libsqlite3-dev libjansson-dev libgtest-dev libgmock-dev sqlite3 jq
+           openssl nginx-light libnginx-mod-http-echo microsocks"
   [bench]="libbenchmark-dev nettle-dev libglib2.0-dev libinih-dev libabsl-dev libmimalloc2.0 libspdlog-dev
            libpoco-dev python3"
   [lint]="clang-format clang-tidy"

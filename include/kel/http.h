@@ -76,10 +76,10 @@ typedef CURLcode (*CURLContextHook)(void* curl, SSL_CTX* ctx, void* data);
  * A response body: bytes that grow at the end, NUL bytes among them.
  *
  * The capacity is a multiple of 1,024 bytes and starts at 1,024. Up to 64 KiB it is the least that
- * holds the content. Beyond that it grows by half at a time, so that n bytes cost O(n) whatever
- * the pieces they come in; large blocks are moved by the kernel instead of copied, and what no byte
- * was written to takes no memory. It never shrinks: a buffer that held a large body holds its
- * memory until it is destroyed.
+ * holds the content. Beyond that it grows by half at a time while there is memory, so that n bytes
+ * cost O(n) whatever the pieces they come in; large blocks are moved by the kernel instead of
+ * copied, and what no byte was written to takes no memory. It never shrinks: a buffer that held a
+ * large body holds its memory until it is destroyed.
  */
 class KEL_API CURLBuffer {
  public:
@@ -107,14 +107,14 @@ class KEL_API CURLBuffer {
 
  private:
   bool Reserve(size_t needed, const char* caller);
+  bool Resize(size_t capacity);
 
   size_t length_ = 0;
   char* bytes_ = nullptr;
   size_t capacity_ = 0;
 };
 
-/** A request body on its way: the caller's bytes, how many of them have gone, how many there are.
- */
+/** A request body on its way: the caller's bytes, how many have gone, how many there are. */
 struct CURLPutDataBuffer {
   const char* data;
   size_t position;
@@ -148,7 +148,8 @@ class KEL_API CURLClient {
    * second's pause after each failure.
    *
    * @param caCert      CA bundle; empty: the system's trust store
-   * @param key,cert    the client's key and certificate (with its chain); neither may be empty
+   * @param key,cert    the client's key, without a pass phrase, and certificate; neither may be
+   *                    empty, even where `hook` brings others
    * @param serverName  kept, not used: the server name is "ECA" or "QXCA"
    * @param hook        the TLS-context hook for `externalCA`; not used without
    * @param reserved    not used, like `unused`

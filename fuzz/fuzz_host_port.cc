@@ -1,25 +1,12 @@
 // Any text as host and port: the host is a part of the text, also in a buffer that is too small,
 // and what was told apart can be put together again.
 #include <kel/address.h>
-#include <kel/logging.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
-namespace {
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelLogSetFlags(KEL_LOG_NONE, 0);
-  return 0;
-}
+#include "fuzz_target.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string input(std::string(reinterpret_cast<const char*>(data), size).c_str());

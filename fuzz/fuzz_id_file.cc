@@ -1,30 +1,17 @@
 // A file of any bytes as an id file, and as a list of container ids: only what is valid is
 // believed, and what is believed counts on.
 #include <kel/crc.h>
-#include <kel/logging.h>
 #include <kel/serialize.h>
 
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <set>
 #include <string>
 
-namespace {
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelLogSetFlags(KEL_LOG_NONE, 0);
-  return 0;
-}
+#include "fuzz_target.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const int memory = memfd_create("id", MFD_CLOEXEC);

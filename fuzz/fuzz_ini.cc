@@ -1,23 +1,19 @@
 // Any bytes as an INI file: what is loaded can be listed and read, and what a save writes is
 // stable: loaded and saved again it is the same text with the same sections and keys.
 #include <kel/inifile.h>
-#include <kel/logging.h>
 
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <vector>
+
+#include "fuzz_target.h"
 
 namespace {
 
 const std::string folder = "/tmp/kel-fuzz-ini-" + std::to_string(::getpid());
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
 
 void write_file(const std::string& path, const void* data, size_t size) {
   FILE* out = std::fopen(path.c_str(), "wb");
@@ -65,11 +61,6 @@ std::string listing(const std::string& path) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelLogSetFlags(KEL_LOG_NONE, 0);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string given = folder + ".given", once = folder + ".once", twice = folder + ".twice";

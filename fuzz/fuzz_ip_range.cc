@@ -1,20 +1,16 @@
 // Range texts and addresses of any kind, in blocks of exactly their size: what the list form makes
 // of a text is a set of networks, and the access form, where both take a text, agrees with it.
 #include <kel/iprange.h>
-#include <kel/logging.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
-namespace {
+#include "fuzz_target.h"
 
-void require(bool condition) {
-  if (!condition) std::abort();
-}
+namespace {
 
 /// A block that ends with the terminator.
 std::vector<char> block_of(const std::string& text) {
@@ -39,11 +35,6 @@ void check_record(const iprange_t& range) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelLogSetFlags(KEL_LOG_NONE, 0);
-  return 0;
-}
 
 /// The input is an address and, behind a semicolon, a range text.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -1,26 +1,13 @@
 // JSON text of any bytes: what is refused leaves an empty object, and what is accepted is written
 // as a text that means the same.
 #include <kel/json.h>
-#include <kel/logging.h>
 
 #include <jansson.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 
-namespace {
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelLogSetFlags(KEL_LOG_NONE, 0);
-  return 0;
-}
+#include "fuzz_target.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);

@@ -1,7 +1,6 @@
 // The first line as a stored password, the rest as the key file: whatever the file holds, it gives
 // the key that a plain reader finds in it or a failure, and a valid one protects and gives back.
 #include <kel/crc.h>
-#include <kel/logging.h>
 #include <kel/passwd.h>
 
 #include <sys/mman.h>
@@ -16,11 +15,9 @@
 #include <stdexcept>
 #include <string>
 
-namespace {
+#include "fuzz_target.h"
 
-void require(bool condition) {
-  if (!condition) std::abort();
-}
+namespace {
 
 struct Contents {
   int index = 0;
@@ -102,11 +99,6 @@ void check(const std::string& file, const std::string& stored) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelLogSetFlags(KEL_LOG_NONE, 0);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string all(reinterpret_cast<const char*>(data), size);

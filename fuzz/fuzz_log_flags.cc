@@ -4,16 +4,13 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 
-namespace {
+#include "fuzz_target.h"
 
-void require(bool condition) {
-  if (!condition) std::abort();
-}
+namespace {
 
 int plain_reading(std::string text) {
   for (char& c : text)

@@ -1,24 +1,11 @@
 // The archive header in any 14 bytes or fewer: every way of reading agrees, what is accepted
 // encodes to the same bytes again, and every result can be described.
-#include <kel/logging.h>
 #include <kel/magic.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 
-namespace {
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelLogSetFlags(KEL_LOG_NONE, 0);
-  return 0;
-}
+#include "fuzz_target.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   constexpr uint64_t kUntouched = 0x1122334455667788;

@@ -1,9 +1,9 @@
 // Answers of the kernel to a request for routes, in any bytes and in two datagrams of exactly their
 // size: nothing is read beyond them, an answer ends once, and each route's payload lies inside.
 #include <cstdint>
-#include <cstdlib>
 #include <vector>
 
+#include "fuzz_target.h"
 #include "net/netlink_reply.h"
 
 namespace {
@@ -13,10 +13,6 @@ using kel::internal::Reply;
 using kel::internal::Route;
 
 constexpr uint32_t kSequence = 1;
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
 
 }  // namespace
 

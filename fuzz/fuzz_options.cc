@@ -1,7 +1,6 @@
 // Option vectors and configuration files: parsing ends within the vector, stores only values of the
 // option's type, gives the same again, and the help keeps to its widths.
 #include <kel/inifile.h>
-#include <kel/logging.h>
 #include <kel/options.h>
 
 #include <sys/mman.h>
@@ -13,11 +12,9 @@
 #include <string_view>
 #include <vector>
 
-namespace {
+#include "fuzz_target.h"
 
-void require(bool condition) {
-  if (!condition) std::abort();
-}
+namespace {
 
 bool set_flag, clear_flag, boolean;
 uint64_t number64, size64;
@@ -89,7 +86,6 @@ std::vector<std::string> arguments_of(std::string_view lines) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelLogSetFlags(KEL_LOG_NONE, 0);
   for (size_t i = 0; i < std::size(options); ++i) table[i] = &options[i];
   return 0;
 }

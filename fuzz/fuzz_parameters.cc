@@ -1,24 +1,20 @@
 // Parameter strings, image paths and URLs of any kind: the values agree with a plain reading of the
 // text, and every buffer is terminated within its capacity.
-#include <kel/logging.h>
 #include <kel/probes.h>
 
 #include <strings.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 
+#include "fuzz_target.h"
+
 namespace {
 
 constexpr size_t kNowhere = std::string::npos;
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
 
 /// A buffer of exactly `size` bytes, so that a byte too much is seen.
 struct Buffer {
@@ -95,11 +91,6 @@ void check_host(const std::string& url, size_t room) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelLogSetFlags(KEL_LOG_NONE, 0);
-  return 0;
-}
 
 // A capacity, a delimiter, and lines: a key, a separator, and the text.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

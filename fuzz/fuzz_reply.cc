@@ -1,24 +1,20 @@
 // Any bytes as reply lines, over a socket or (the first bit) a pipe: each line agrees with one that
 // is put together byte by byte, and the next begins right behind it.
-#include <kel/logging.h>
 #include <kel/net.h>
 
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 
+#include "fuzz_target.h"
+
 namespace {
 
 constexpr size_t kMost = 40000;  // fits the buffers of sockets and pipes
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
 
 /// The result of reading a line from `bytes` at `*at`, which is moved behind it.
 int model(const std::string& bytes, size_t* at, std::string* line) {
@@ -36,11 +32,6 @@ int model(const std::string& bytes, size_t* at, std::string* line) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelLogSetFlags(KEL_LOG_NONE, 0);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0 || size > kMost) return 0;

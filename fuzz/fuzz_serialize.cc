@@ -1,19 +1,15 @@
 // Integers and buffers in any bytes: what is read is a prefix that prints to the same bytes again,
 // and a stream gives what a buffer gives.
-#include <kel/logging.h>
 #include <kel/serialize.h>
 
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <vector>
 
-namespace {
+#include "fuzz_target.h"
 
-void require(bool condition) {
-  if (!condition) std::abort();
-}
+namespace {
 
 template <class T>
 struct Width {
@@ -47,11 +43,6 @@ void check(const Width<T>& width, const uint8_t* data, size_t size, int raw) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelLogSetFlags(KEL_LOG_NONE, 0);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (const int raw : {0, 1}) {

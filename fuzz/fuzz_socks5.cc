@@ -1,21 +1,16 @@
 // Any bytes as the answers of a relay: believed only when they are a whole grant, after which
 // exactly what follows is left for the connection.
-#include <kel/logging.h>
 
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 
+#include "fuzz_target.h"
 #include "net/socks5.h"
 
 namespace {
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
 
 /// Bytes of the grant that `answers` begin with; 0 when they do not.
 size_t granted(const std::string& answers) {
@@ -26,11 +21,6 @@ size_t granted(const std::string& answers) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelLogSetFlags(KEL_LOG_NONE, 0);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size > 4096) return 0;

@@ -2,7 +2,6 @@
 // same output, the data are never believed about how much memory they need. The first byte gives
 // cipher type and key, the second the windows.
 #include <kel/crypt.h>
-#include <kel/logging.h>
 
 #include <sanitizer/allocator_interface.h>
 
@@ -12,6 +11,8 @@
 #include <cstring>
 #include <random>
 #include <vector>
+
+#include "fuzz_target.h"
 
 namespace {
 
@@ -24,14 +25,9 @@ void note_allocation(const volatile void*, size_t size) {
 }
 void note_free(const volatile void*) {}
 
-void require(bool condition) {
-  if (!condition) std::abort();
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelLogSetFlags(KEL_LOG_NONE, 0);
   __sanitizer_install_malloc_and_free_hooks(note_allocation, note_free);
   return 0;
 }

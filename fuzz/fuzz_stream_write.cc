@@ -2,21 +2,17 @@
 // exactly, and an unencrypted stream has the same bytes for all windows. Three bytes of settings
 // come first; the data are repeated to fill several blocks.
 #include <kel/crypt.h>
-#include <kel/logging.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <random>
 #include <vector>
+
+#include "fuzz_target.h"
 
 namespace {
 
 using Bytes = std::vector<unsigned char>;
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
 
 /// Calls `step` with output windows of up to `most` bytes until the stream ends.
 template <class Step>
@@ -35,11 +31,6 @@ Bytes drain(c_stream_t& c, std::minstd_rand& random, unsigned most, Step step) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelLogSetFlags(KEL_LOG_NONE, 0);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 3) return 0;

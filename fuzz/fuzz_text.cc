@@ -1,6 +1,5 @@
 // Sizes, booleans, times and percentages in any text: narrow and wide agree, no parser stops
 // outside the text, and what was read prints to something that reads the same.
-#include <kel/logging.h>
 #include <kel/text.h>
 
 #include <cstdint>
@@ -8,18 +7,7 @@
 #include <cstring>
 #include <string>
 
-namespace {
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelLogSetFlags(KEL_LOG_NONE, 0);
-  return 0;
-}
+#include "fuzz_target.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string text(std::string(reinterpret_cast<const char*>(data), size).c_str());

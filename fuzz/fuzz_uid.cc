@@ -1,26 +1,13 @@
 // Unique identifiers in any bytes: what is accepted is valid, comes back as it was in lowercase,
 // and is the same from a stream.
-#include <kel/logging.h>
 #include <kel/uid.h>
 
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 
-namespace {
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelLogSetFlags(KEL_LOG_NONE, 0);
-  return 0;
-}
+#include "fuzz_target.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (const int raw : {0, 1}) {

@@ -9,11 +9,9 @@
 #include <string>
 #include <vector>
 
-namespace {
+#include "fuzz_target.h"
 
-void require(bool condition) {
-  if (!condition) std::abort();
-}
+namespace {
 
 /// Decodes in a block of exactly the text's size.
 std::string decoded(char* (*decode)(char*), const std::string& text) {

@@ -1,19 +1,15 @@
 // UTF-8 of any bytes: the check in blocks agrees with the check of one character after the other,
 // and what is well-formed goes to wide text and back unchanged.
 #include <kel/charconv.h>
-#include <kel/logging.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
-namespace {
+#include "fuzz_target.h"
 
-void require(bool condition) {
-  if (!condition) std::abort();
-}
+namespace {
 
 int characters(const unsigned char* s, size_t size) {
   int count = 0;
@@ -26,11 +22,6 @@ int characters(const unsigned char* s, size_t size) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kelLogSetFlags(KEL_LOG_NONE, 0);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::vector<unsigned char> block(data, data + size);

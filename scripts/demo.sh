@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 echo "== Set up and build (the first time takes a minute or two)"
 scripts/setup.sh build
 cmake --preset release >/dev/null
-cmake --build --preset release --target kel-dedup
+cmake --build --preset release --target kel-dedup kel-dedup-walk-speed
 
 dedup=build/release/examples/dedup/kel-dedup
 work=$(mktemp -d)
@@ -32,6 +32,10 @@ cat "$work/repo/settings.ini"
 echo "-- the log file:"
 cat "$work/dedup.log"
 rm -r "$work/repo"
+
+echo
+echo "== Walk: the library's, as kel-dedup uses it, beside the one that kel-dedup had before, in turns"
+build/release/examples/dedup/kel-dedup-walk-speed "$source_dir"
 
 echo
 echo "== Store $source_dir: cut into chunks, each kept once, compressed and encrypted"

@@ -1,6 +1,7 @@
 #include "chunk_index.h"
 
 #include <kel/logging.h>
+#include <kel/path.h>
 #include <kel/safeio.h>
 
 #include <algorithm>
@@ -34,8 +35,7 @@ class TemporaryFolder {
     }
   }
   ~TemporaryFolder() {
-    std::error_code error;
-    if (!path_.empty()) std::filesystem::remove_all(path_, error);
+    if (!path_.empty()) DeleteTreeA(path_.c_str());
   }
   TemporaryFolder(const TemporaryFolder&) = delete;
   TemporaryFolder& operator=(const TemporaryFolder&) = delete;

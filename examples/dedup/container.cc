@@ -4,7 +4,8 @@
 //   data   the chunks
 #include "container.h"
 
-#include <filesystem>
+#include <kel/file.h>
+
 #include <system_error>
 
 #include "chunker.h"
@@ -124,8 +125,8 @@ bool read_container(const Repository& repository, const std::string& path,
 }
 
 uint64_t file_size(const std::string& path) {
-  std::error_code error;
-  return std::filesystem::file_size(path, error);
+  uint64_t size;
+  return FileSizeGet(path.c_str(), &size) == 0 ? size : UINT64_MAX;
 }
 
 }  // namespace dedup

@@ -18,7 +18,8 @@ void Progress::add_bytes(uint64_t bytes) {
   if (now < next_) return;
   next_ = now + std::chrono::milliseconds(100);
   const auto rate = static_cast<uint64_t>(static_cast<double>(bytes_) / (seconds() + 1e-9));
-  std::fprintf(stderr, "\r\033[K%s %lu files, %s, %s/s", verb_, static_cast<unsigned long>(files_),
+  // The cursor goes back to where a report may begin.
+  std::fprintf(stderr, "\033[K%s %lu files, %s, %s/s\r", verb_, static_cast<unsigned long>(files_),
                size_text(bytes_).c_str(), size_text(rate).c_str());
   shown_ = true;
 }

@@ -11,22 +11,22 @@
 
 #include <kel/digest.h>
 #include <kel/logging.h>
+#include <kel/path.h>
 #include <kel/safeio.h>
 #include <kel/text.h>
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 
+#include "descriptor.h"
 #include "fingerprint.h"
+#include "walk.h"
 
 namespace dedup {
 namespace {
@@ -73,21 +73,29 @@ uint32_t number_of(const std::string& name, const char* suffix) {
   return number != 0 && name == numbered_name(number, suffix) ? number : 0;
 }
 
+bool list(const std::string& folder, std::vector<std::string>& names) {
+  if (list_names(folder, names)) return true;
+  ErrorA(errno, "could not list %s: %s", folder.c_str(), std::strerror(errno));
+  return false;
+}
+
 bool list_numbered(const std::string& folder, const char* suffix,
                    std::vector<NumberedFile>& files) {
-  std::error_code error;
-  std::filesystem::directory_iterator at(folder, error);
-  for (; !error && at != std::filesystem::directory_iterator(); at.increment(error)) {
-    if (const uint32_t number = number_of(at->path().filename().string(), suffix))
-      files.push_back({number, at->path().string()});
-  }
-  if (error) {
-    ErrorA(error.value(), "could not list %s: %s", folder.c_str(), error.message().c_str());
-    return false;
-  }
+  std::vector<std::string> names;
+  if (!list(folder, names)) return false;
+  for (const std::string& name : names)
+    if (const uint32_t number = number_of(name, suffix))
+      files.push_back({number, folder + "/" + name});
   std::sort(files.begin(), files.end(),
             [](const auto& a, const auto& b) { return a.number < b.number; });
   return true;
+}
+
+/// Whether that is something that make() makes: where all is, a repository could be made, possibly
+/// for the second time after an interruption.
+bool is_known(const std::string& name) {
+  return std::find(std::begin(kFolders), std::end(kFolders), name) != std::end(kFolders) ||
+         std::find(std::begin(kFiles), std::end(kFiles), name) != std::end(kFiles);
 }
 
 }  // namespace
@@ -139,15 +147,15 @@ bool Repository::open() {
 }
 
 bool Repository::open_for_store(const Settings& wanted) {
-  if (::mkdir(path_.c_str(), 0700) == 0) {
-    dirfsync((path_ + "/..").c_str(), true);
-  } else if (errno != EEXIST) {
+  std::vector<std::string> names;
+  if (CreateDirA(path_.c_str(), 0700) == 0) {
     ErrorA(errno, "could not make the repository %s: %s", path_.c_str(), std::strerror(errno));
     return false;
   }
-  bool blank = false;
-  if (!is_blank(blank)) return false;
-  if (!blank && ::access(settings_path().c_str(), F_OK) != 0) {
+  dirfsync((path_ + "/..").c_str(), true);
+  if (!list(path_, names)) return false;
+  if (!std::all_of(names.begin(), names.end(), is_known) &&
+      ::access(settings_path().c_str(), F_OK) != 0) {
     ErrorA(errno, "%s holds other things than a repository; name a new or empty folder",
            path_.c_str());
     return false;
@@ -157,33 +165,22 @@ bool Repository::open_for_store(const Settings& wanted) {
   return true;
 }
 
-/// Whether a repository could be made here, possibly for the second time after an interruption:
-/// nothing is there but what make() makes, and no containers.
-bool Repository::is_blank(bool& blank) const {
-  std::error_code error;
-  blank = true;
-  std::filesystem::directory_iterator at(path_, error);
-  for (; !error && at != std::filesystem::directory_iterator(); at.increment(error)) {
-    const std::string name = at->path().filename().string();
-    const auto is_named = [&](const char* known) { return name == known; };
-    if (std::none_of(std::begin(kFolders), std::end(kFolders), is_named) &&
-        std::none_of(std::begin(kFiles), std::end(kFiles), is_named))
-      blank = false;
-  }
-  if (!error) return true;
-  ErrorA(error.value(), "could not list %s: %s", path_.c_str(), error.message().c_str());
-  return false;
-}
-
 bool Repository::lock() {
   const std::string path = path_ + "/lock";
-  lock_ = Descriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-  if (lock_ && ::flock(lock_.get(), LOCK_EX | LOCK_NB) == 0) return true;
-  if (errno == EWOULDBLOCK)
-    ErrorA(errno, "another store is running on %s; wait until it has ended", path_.c_str());
-  else
-    ErrorA(errno, "could not lock %s: %s", path.c_str(), std::strerror(errno));
-  return false;
+  {
+    // Tells at once what a wait would not.
+    const Descriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    struct flock held {};
+    held.l_type = F_WRLCK;
+    if (!file || ::fcntl(file.get(), F_GETLK, &held) != 0) {
+      ErrorA(errno, "could not lock %s: %s", path.c_str(), std::strerror(errno));
+      return false;
+    }
+    if (held.l_type != F_UNLCK)
+      WarningA(-1, "another store is running on %s (process %ld); waiting until it has ended",
+               path_.c_str(), static_cast<long>(held.l_pid));
+  }
+  return lock_.Lock(path);
 }
 
 /// Makes what is missing; the settings come last and say that all the rest is there.
@@ -191,7 +188,7 @@ bool Repository::make(const Settings& wanted) {
   if (::access(settings_path().c_str(), F_OK) == 0) return true;
   for (const char* folder : kFolders) {
     const std::string path = path_ + "/" + folder;
-    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+    if (CreateDirA(path.c_str(), 0700) == 0) {
       ErrorA(errno, "could not make %s: %s", path.c_str(), std::strerror(errno));
       return false;
     }
@@ -269,13 +266,11 @@ void Repository::compare_settings(const Settings& wanted) const {
 }
 
 bool Repository::clean_temporaries() {
-  std::error_code error;
-  std::filesystem::directory_iterator at(temporaries(), error);
-  for (; !error && at != std::filesystem::directory_iterator(); at.increment(error))
-    std::filesystem::remove(at->path(), error);
-  if (!error) return true;
-  ErrorA(error.value(), "could not clean %s: %s", temporaries().c_str(), error.message().c_str());
-  return false;
+  std::vector<std::string> names;
+  if (!list(temporaries(), names)) return false;
+  for (const std::string& name : names)
+    if (DeleteTreeA((temporaries() + "/" + name).c_str()) == 0 && errno != ENOENT) return false;
+  return true;
 }
 
 }  // namespace dedup

@@ -2,11 +2,12 @@
 #pragma once
 
 #include <kel/cipher.h>
+#include <kel/daemon.h>
 
+#include <mutex>
 #include <string>
 #include <vector>
 
-#include "descriptor.h"
 #include "settings.h"
 
 namespace dedup {
@@ -23,9 +24,9 @@ class Repository {
 
   /// Opens an existing repository for reading. Needs no lock: files appear whole and stay.
   bool open();
-  /// Opens or makes the repository for the one process that may store, and removes what an
-  /// interrupted one left behind. `wanted` is for one that is made; one that is there keeps what it
-  /// has, which is said when something else than the usual was wanted.
+  /// Opens or makes the repository for the one process that may store, waiting for another to end,
+  /// and removes what an interrupted one left behind. `wanted` is for one that is made; one that is
+  /// there keeps what it has, which is said when something else than the usual was wanted.
   bool open_for_store(const Settings& wanted);
 
   /// In the order of their numbers; what is not named like one is ignored.
@@ -53,12 +54,12 @@ class Repository {
   bool write_settings_file(const Settings& wanted);
   void compare_settings(const Settings& wanted) const;
   bool clean_temporaries();
-  bool is_blank(bool& blank) const;
   bool write_small_file(const std::string& name, const std::string& text);
   std::string settings_path() const;
 
   std::string path_;
-  Descriptor lock_;
+  std::mutex mutex_;
+  KelFileLock lock_{mutex_};
   KelKey key_;
   Settings settings_;
 };

@@ -1,6 +1,7 @@
 // Restoring: the catalogue from its beginning to its end; what cannot be brought back whole is
 // named and left out.
 #include <kel/logging.h>
+#include <kel/path.h>
 #include <kel/safeio.h>
 
 #include <fcntl.h>
@@ -12,7 +13,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <optional>
 
 #include "catalogue.h"
@@ -20,6 +20,7 @@
 #include "commands.h"
 #include "progress.h"
 #include "text.h"
+#include "walk.h"
 
 namespace dedup {
 namespace {
@@ -226,15 +227,13 @@ void Restore::print_summary() {
 
 /// Makes the folder to restore into, or takes an empty one.
 bool make_target(const std::string& target) {
-  if (::mkdir(target.c_str(), 0700) == 0) return true;
-  int code = errno;
-  std::error_code error;
-  if (code == EEXIST && std::filesystem::is_directory(target, error)) {
-    if (std::filesystem::is_empty(target, error) && !error) return true;
-    code = error ? error.value() : ENOTEMPTY;
+  std::vector<std::string> names;
+  if (CreateDirA(target.c_str(), 0700) == 1 && list_names(target, names)) {
+    if (names.empty()) return true;
+    errno = ENOTEMPTY;
   }
-  ErrorA(code, "could not restore into %s: %s; name a new or an empty folder",
-         path_text(target).c_str(), std::strerror(code));
+  ErrorA(errno, "could not restore into %s: %s; name a new or an empty folder",
+         path_text(target).c_str(), std::strerror(errno));
   return false;
 }
 

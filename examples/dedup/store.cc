@@ -58,7 +58,8 @@ class Store final : public WalkVisitor {
     return catalogue_.add(Item::kLink, entry);
   }
   bool file(const Entry& entry, int folder, const std::string& name) override;
-  void problem(const std::string& path, int error) override;
+  bool problem(const std::string& path, int error) override;
+  bool left_out(const std::string& path, const char* why) override;
 
  private:
   std::string full_path(const std::string& path) const;
@@ -101,14 +102,17 @@ std::string Store::full_path(const std::string& path) const {
   return path_text(path.empty() ? summary_.source : summary_.source + "/" + path);
 }
 
-void Store::problem(const std::string& path, int error) {
+bool Store::problem(const std::string& path, int error) {
   progress_.clear();
-  if (error == 0) {
-    WarningA(-1, "%s is neither file, folder nor link: not stored", full_path(path).c_str());
-    return;
-  }
   ErrorA(error, "could not read %s: %s", full_path(path).c_str(), std::strerror(error));
   ++summary_.problems;
+  return true;
+}
+
+bool Store::left_out(const std::string& path, const char* why) {
+  progress_.clear();
+  WarningA(-1, "%s %s: not stored", full_path(path).c_str(), why);
+  return true;
 }
 
 bool Store::file(const Entry& entry, int folder, const std::string& name) {
@@ -117,19 +121,13 @@ bool Store::file(const Entry& entry, int folder, const std::string& name) {
       ::openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat status;
   const bool readable = file && ::fstat(file.get(), &status) == 0;
-  if (!readable || !S_ISREG(status.st_mode)) {
-    problem(entry.path, readable ? ESTALE : errno);
-    return true;
-  }
+  if (!readable || !S_ISREG(status.st_mode)) return problem(entry.path, readable ? ESTALE : errno);
   uint64_t size = 0;
   int error = 0;
   if (!catalogue_.add(Item::kFile, entry_of(entry.path, status)) ||
       !store_data(file.get(), size, error) || !catalogue_.end_file(size, error == 0))
     return false;
-  if (error != 0) {
-    problem(entry.path, error);
-    return true;
-  }
+  if (error != 0) return problem(entry.path, error);
   struct stat after;
   if (::fstat(file.get(), &after) == 0 && !is_unchanged(status, after, size)) {
     progress_.clear();

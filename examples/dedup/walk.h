@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "catalogue.h"
 
@@ -16,20 +17,24 @@ class WalkVisitor {
   virtual bool link(const Entry& entry) = 0;
   /// A regular file `name` in the open folder; the visitor opens it itself.
   virtual bool file(const Entry& entry, int folder, const std::string& name) = 0;
-  /// An entry at `path`, below the root, is not stored: it could not be read, for the reason
-  /// `error`, or is of no kind that is kept (0). The walk goes on.
-  virtual void problem(const std::string& path, int error) = 0;
+  /// An entry at `path`, below the root, could not be read for the reason `error`.
+  virtual bool problem(const std::string& path, int error) = 0;
+  /// An entry is of no kind that is kept: it "is ...".
+  virtual bool left_out(const std::string& path, const char* why) = 0;
 
  protected:
   ~WalkVisitor() = default;
 };
 
 /// Visits the folder `root` and all below it, except the folder `excluded` with all in it. False
-/// when the visitor ended the walk. Goes from open folder to open folder, so that no path is too
-/// long and no link leads it elsewhere; needs a descriptor for each level.
+/// when the visitor ended the walk. What is found goes by the open folder that holds it, so that no
+/// path is too long and no link leads elsewhere; that needs a descriptor for each level.
 bool walk(const std::string& root, const struct stat& excluded, WalkVisitor& visitor);
 
 /// What is kept of a file of that status.
 Entry entry_of(std::string path, const struct stat& status);
+
+/// The names in a folder; false with errno when they cannot be read.
+bool list_names(const std::string& folder, std::vector<std::string>& names);
 
 }  // namespace dedup

@@ -15,6 +15,7 @@ namespace {
 
 using namespace kel::testing;
 using ::testing::AnyOf;
+using ::testing::StartsWith;
 using ::testing::UnorderedElementsAre;
 
 class IniSave : public IniFixture {
@@ -96,10 +97,22 @@ TEST_F(IniSave, CopiesTheBackupWhereThereAreNoHardLinks) {
   given("# " + std::string(100'000, 'c') + "\nx=old\n");
   const std::string before = on_disk();
   ASSERT_EQ(InifileSaveNewA(file), 2);  // not loaded
-  ASSERT_EQ(InifileLoadA(file), 0);
+  ASSERT_EQ(InifileSaveValueA(INIFILE_TOP_SECTION, "x", "new", file), 1);
   write_file(backup, "older");
+  static std::string watched, last_text;
+  static std::vector<std::string> flushed;
+  watched = path;
+  using Fsync = Hooked<"fsync", int(int)>;
+  const Fsync noting([](int fd) {
+    flushed.push_back(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)));
+    last_text = read_file(watched);
+    return Fsync::real(fd);
+  });
   EXPECT_EQ(InifileSaveA(file), 0);
   EXPECT_EQ(read_file(backup), before);
+  // The new text, the backup, and once it has its name the directory.
+  EXPECT_THAT(flushed, ElementsAre(StartsWith(path + "-"), backup, dir.path()));
+  EXPECT_TRUE(last_text.ends_with("x=new\n")) << "flushed before the rename";
 }
 
 TEST_F(IniSave, WritesToAnotherPlaceWhatIsLoaded) {

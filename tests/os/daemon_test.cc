@@ -1,7 +1,6 @@
 #include <kel/daemon.h>
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -10,9 +9,7 @@
 
 #include <thread>
 
-#include "support/import_hook.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 

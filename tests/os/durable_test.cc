@@ -1,31 +1,17 @@
 #include <kel/safeio.h>
 
-#include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <cstring>
-#include <filesystem>
-#include <string>
-
-#include "support/import_hook.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/refusals.h"
+#include "support/test.h"
 
 namespace {
 
-using kel::testing::error;
-using kel::testing::Fault;
-using kel::testing::open_descriptors;
-using kel::testing::read_file;
-using kel::testing::ReportCapture;
+using namespace kel::testing;
+using namespace ::testing;
 using kel::testing::TempDir;
-using kel::testing::write_file;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
-std::string because(int code) { return std::string(": ") + std::strerror(code); }
-
-class Durable : public ::testing::Test {
+class Durable : public Test {
  protected:
   Durable() { write_file(from, "data"); }
 
@@ -54,84 +40,60 @@ TEST_F(Durable, TheChangeStandsWhenOnlyTheFlushFails) {
   EXPECT_TRUE(std::filesystem::exists(to));
   EXPECT_EQ(unlink_dirfsync(to.c_str(), to.c_str(), true), -1);
   EXPECT_FALSE(std::filesystem::exists(to));
-  EXPECT_THAT(reports.take(), ElementsAre(error(ENOENT, "dirfsync: Could not open directory '" +
-                                                            nowhere + "'" + because(ENOENT))));
+  EXPECT_THAT(reports.take(),
+              ElementsAre(error(ENOENT, "dirfsync: Could not open directory '" + nowhere +
+                                            "': " + std::strerror(ENOENT))));
 }
 
-TEST_F(Durable, FailedChangesAreReportedUnlessQuiet) {
-  for (const bool quiet : {false, true}) {
-    errno = 0;
-    EXPECT_EQ(rename_dirfsync(nowhere.c_str(), to.c_str(), home.c_str(), quiet), -1);
-    EXPECT_EQ(errno, ENOENT);
-    errno = 0;
-    EXPECT_EQ(unlink_dirfsync(nowhere.c_str(), home.c_str(), quiet), -1);
-    EXPECT_EQ(errno, ENOENT);
-    errno = 0;
-    EXPECT_EQ(dirfsync(from.c_str(), quiet), -1);
-    EXPECT_EQ(errno, ENOTDIR);
-  }
-  EXPECT_THAT(
-      reports.take(),
-      ElementsAre(
-          error(ENOENT, "rename_dirfsync: Could not rename '" + nowhere + "' to '" + to + "'" +
-                            because(ENOENT)),
-          error(ENOENT, "unlink_dirfsync: Could not unlink '" + nowhere + "'" + because(ENOENT)),
-          error(ENOTDIR, "dirfsync: Could not open directory '" + from + "'" + because(ENOTDIR))));
-}
-
-TEST_F(Durable, EveryStepOfAFlushCanFailAndLeaksNothing) {
+TEST_F(Durable, WhatFailsIsReportedUnlessQuiet) {
   const size_t open_before = open_descriptors();
-  for (const bool quiet : {false, true}) {
-    Fault<"fsync", int(int)> fault(1, -1, EIO);
-    EXPECT_EQ(dirfsync(home.c_str(), quiet), -1);
-    EXPECT_EQ(errno, EIO);
-  }
-  EXPECT_EQ(open_descriptors(), open_before);
-  EXPECT_THAT(reports.take(), ElementsAre(error(EIO, "dirfsync: Could not fsync directory '" +
-                                                         home + "'" + because(EIO))));
-  static int left_open;
-  using Close = kel::testing::Hooked<"close", int(int)>;
+  using Close = Hooked<"close", int(int)>;
   const auto failing_close = [](int fd) {
-    left_open = fd;
+    Close::real(fd);
     errno = EIO;
     return -1;
   };
+  const auto flush = [&](bool quiet) { return dirfsync(home.c_str(), quiet) == -1; };
   for (const bool quiet : {false, true}) {
-    const Close hook(failing_close);
-    EXPECT_EQ(dirfsync(home.c_str(), quiet), -1);
-    EXPECT_EQ(errno, EIO);
-    Close::real(left_open);
+    const auto text = [&](const std::string& told, int code) {
+      return quiet ? std::string() : told + ": " + std::strerror(code);
+    };
+    expect_refused(
+        reports,
+        {{ENOENT,
+          text("rename_dirfsync: Could not rename '" + nowhere + "' to '" + to + "'", ENOENT),
+          [&] { return rename_dirfsync(nowhere.c_str(), to.c_str(), home.c_str(), quiet) == -1; }},
+         {ENOENT, text("unlink_dirfsync: Could not unlink '" + nowhere + "'", ENOENT),
+          [&] { return unlink_dirfsync(nowhere.c_str(), home.c_str(), quiet) == -1; }},
+         {ENOTDIR, text("dirfsync: Could not open directory '" + from + "'", ENOTDIR),
+          [&] { return dirfsync(from.c_str(), quiet) == -1; }},
+         {EIO, text("dirfsync: Could not fsync directory '" + home + "'", EIO),
+          [&] { return Fault<"fsync", int(int)>(1, -1, EIO), flush(quiet); }},
+         {EIO,
+          text("dirfsync: Close after fsync of directory '" + home + "' returned an error", EIO),
+          [&] { return Close(failing_close), flush(quiet); }}});
   }
-  EXPECT_THAT(reports.take(),
-              ElementsAre(error(EIO, "dirfsync: Close after fsync of directory '" + home +
-                                         "' returned an error" + because(EIO))));
+  EXPECT_EQ(open_descriptors(), open_before);
 }
 
 TEST_F(Durable, SafeRenameNamesThePathThatIsMissing) {
-  struct Row {
-    const char *src, *dst, *text;
+  const auto fails = [](const char* src, const char* dst) {
+    return [=] { return safe_rename(src, dst) == -1; };
   };
-  for (const Row& row :
-       {Row{nullptr, "b", "safe_rename: invalid argument for src_path NULL pointer"},
-        Row{"", nullptr, "safe_rename: invalid argument for src_path <empty>"},
-        Row{"a", nullptr, "safe_rename: invalid argument for dst_path NULL pointer"},
-        Row{"a", "", "safe_rename: invalid argument for dst_path <empty>"}}) {
-    errno = 0;
-    EXPECT_EQ(safe_rename(row.src, row.dst), -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_THAT(reports.take(), ElementsAre(error(EINVAL, row.text)));
-  }
-  EXPECT_EQ(safe_rename(nowhere.c_str(), to.c_str()), -1);
-  EXPECT_EQ(errno, ENOENT);
+  const std::string invalid = "safe_rename: invalid argument for ";
+  expect_refused(reports, {{EINVAL, invalid + "src_path NULL pointer", fails(nullptr, "b")},
+                           {EINVAL, invalid + "src_path <empty>", fails("", nullptr)},
+                           {EINVAL, invalid + "dst_path NULL pointer", fails("a", nullptr)},
+                           {EINVAL, invalid + "dst_path <empty>", fails("a", "")},
+                           {ENOENT, "", fails(nowhere.c_str(), to.c_str())}});
   EXPECT_EQ(safe_rename(from.c_str(), to.c_str()), 0);
   EXPECT_EQ(read_file(to), "data");
-  EXPECT_THAT(reports.take(), IsEmpty());
 }
 
 std::string opened_with;
 
 TEST_F(Durable, FopenExDropsTheLettersThatTheCLibraryDoesNotKnow) {
-  const kel::testing::Hooked<"fopen", FILE*(const char*, const char*)> hook(
+  const Hooked<"fopen", FILE*(const char*, const char*)> hook(
       [](const char*, const char* mode) -> FILE* {
         opened_with = mode;
         return nullptr;

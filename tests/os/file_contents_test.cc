@@ -1,34 +1,19 @@
 // Comparing and loading files, names of temporary ones, sizes.
 #include <kel/file.h>
 
-#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <memory>
-#include <random>
-#include <string>
 
-#include "support/import_hook.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-using kel::testing::error;
-using kel::testing::fail_each;
-using kel::testing::Hooked;
-using kel::testing::open_descriptors;
-using kel::testing::ReportCapture;
+using namespace kel::testing;
+using namespace ::testing;
 using kel::testing::TempDir;
-using kel::testing::warning;
-using kel::testing::write_file;
-using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
-using ::testing::IsEmpty;
 
 struct Free {
   void operator()(void* block) const { std::free(block); }
@@ -36,7 +21,7 @@ struct Free {
 template <class T>
 using Owned = std::unique_ptr<T, Free>;
 
-class FileContents : public ::testing::Test {
+class FileContents : public Test {
  protected:
   ssize_t compare(const std::string& x, const std::string& y) {
     write_file(a, x);
@@ -189,7 +174,7 @@ TEST_F(FileContents, WhatCannotBeLoadedIsToldAndNothingIsLost) {
     EXPECT_EQ(reports.take().size(), got == 10 ? 0u : 1u);
     std::free(buf);
   };
-  EXPECT_EQ((fail_each<"malloc", void*(size_t)>(static_cast<void*>(nullptr), ENOMEM, scenario)), 1);
+  EXPECT_EQ(fail_each_malloc(scenario), 1);
   EXPECT_EQ((fail_each<"read", ssize_t(int, void*, size_t)>(-1, EIO, scenario)), 1);
   EXPECT_EQ((fail_each<"lseek", off_t(int, off_t, int)>(-1, ESPIPE, scenario)), 2);
 }

@@ -1,46 +1,24 @@
 #include <kel/file.h>
 
-#include <gmock/gmock.h>
 #include <openssl/crypto.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <numeric>
-#include <random>
 #include <set>
-#include <string>
 
 #include "os/scripted_calls.h"
-#include "support/import_hook.h"
 #include "support/mount_space.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-using kel::testing::at_most;
-using kel::testing::error;
-using kel::testing::fail_each;
-using kel::testing::fails;
-using kel::testing::gives_nothing;
-using kel::testing::Hooked;
-using kel::testing::MountSpace;
-using kel::testing::open_descriptors;
-using kel::testing::read_file;
-using kel::testing::Report;
-using kel::testing::ReportCapture;
-using kel::testing::Scripted;
+using namespace kel::testing;
+using namespace ::testing;
 using kel::testing::TempDir;
-using kel::testing::warning;
-using kel::testing::write_file;
-using ::testing::AllOf;
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 std::string some_bytes(size_t size) {
   std::mt19937 random(static_cast<unsigned>(size));
@@ -70,7 +48,7 @@ std::string last_md5() {
   return text;
 }
 
-class FileCopying : public ::testing::Test {
+class FileCopying : public Test {
  protected:
   ~FileCopying() override { FileSetOptions(KEL_FILE_PLAIN); }
 
@@ -246,7 +224,7 @@ TEST_F(FileCopying, EveryFailingCallFailsTheCopyAndLeavesNothing) {
       } else {
         EXPECT_EQ(errno, EIO);
         EXPECT_FALSE(fs::exists(to));
-        EXPECT_THAT(reports.take_texts(), Contains(::testing::StartsWith("FileCopy: co")));
+        EXPECT_THAT(reports.take_texts(), Contains(StartsWith("FileCopy: co")));
       }
       EXPECT_EQ(open_descriptors(), open_before);
     };

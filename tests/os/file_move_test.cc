@@ -1,35 +1,17 @@
 #include <kel/file.h>
 
-#include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <cstring>
-#include <filesystem>
-#include <string>
-
-#include "support/import_hook.h"
 #include "support/mount_space.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-using kel::testing::error;
-using kel::testing::Fault;
-using kel::testing::Hooked;
-using kel::testing::MountSpace;
-using kel::testing::read_file;
-using kel::testing::Report;
-using kel::testing::ReportCapture;
+using namespace kel::testing;
+using namespace ::testing;
 using kel::testing::TempDir;
-using kel::testing::warning;
-using kel::testing::write_file;
-using ::testing::Each;
-using ::testing::ElementsAre;
-using ::testing::EndsWith;
-using ::testing::IsEmpty;
 
 using Rename = Hooked<"rename", int(const char*, const char*)>;
 using Unlink = Hooked<"unlink", int(const char*)>;
@@ -40,7 +22,7 @@ int crosses(const char*, const char*) {
   return -1;
 }
 
-class FileMoving : public ::testing::Test {
+class FileMoving : public Test {
  protected:
   FileMoving() { write_file(from, "data"); }
 

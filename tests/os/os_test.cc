@@ -2,7 +2,6 @@
 #include <kel/os.h>
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <pty.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -15,9 +14,7 @@
 #include <optional>
 #include <thread>
 
-#include "support/import_hook.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 
@@ -120,7 +117,7 @@ TEST(Mounts, AgreeWithDfAndFindmnt) {
                 std::to_string(OSGetFSUsedSizeW(dir.path().wstring().c_str())) + ' ' +
                 std::to_string(OSGetFSAvailSizeA(point.c_str())) + '\n');
   EXPECT_EQ(lines_of(OSGetMountListA(), OSGetMountListW()),
-            output_of("findmnt -rno SOURCE,TARGET,FSTYPE"));
+            output_of("findmnt -rnvo SOURCE,TARGET,FSTYPE"));
   OSMountA** list = OSGetMountInfoA(KEL_MOUNTS_PSEUDO);
   OSMountA** last = list;
   while (last[1] != nullptr) ++last;

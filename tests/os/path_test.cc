@@ -1,36 +1,22 @@
 #include <kel/path.h>
 
-#include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <filesystem>
-#include <random>
-#include <string>
-#include <vector>
-
-#include "support/import_hook.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-using kel::testing::error;
-using kel::testing::Fault;
-using kel::testing::Report;
-using kel::testing::ReportCapture;
+using namespace kel::testing;
+using namespace ::testing;
 using kel::testing::TempDir;
-using kel::testing::warning;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 std::wstring widen(const std::string& text) { return {text.begin(), text.end()}; }
 int sign(int order) { return (order > 0) - (order < 0); }
 
 /// Runs in a directory of its own.
-class Paths : public ::testing::Test {
+class Paths : public Test {
  protected:
   Paths() { fs::current_path(dir.path()); }
   ~Paths() override { fs::current_path(before); }

@@ -1,7 +1,6 @@
 #include <kel/safeio.h>
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -9,29 +8,18 @@
 #include <atomic>
 #include <chrono>
 #include <climits>
-#include <string>
 #include <thread>
 
 #include "os/scripted_calls.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 
-using kel::testing::at_most;
-using kel::testing::error;
-using kel::testing::fails;
-using kel::testing::Fault;
-using kel::testing::gives_nothing;
-using kel::testing::read_file;
-using kel::testing::ReportCapture;
-using kel::testing::Scripted;
+using namespace kel::testing;
+using namespace ::testing;
 using kel::testing::TempDir;
-using kel::testing::write_file;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
-class SafeIo : public ::testing::Test {
+class SafeIo : public Test {
  protected:
   SafeIo() {
     write_file(path, "0123456789");
@@ -182,7 +170,7 @@ TEST_F(SafeIo, RealSignalsDoNotReachTheCallerOfABlockedRead) {
   EXPECT_THAT(reports.take(), IsEmpty());
 }
 
-class SafeSocket : public ::testing::Test {
+class SafeSocket : public Test {
  protected:
   SafeSocket() { EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0); }
   ~SafeSocket() override {

@@ -1,36 +1,22 @@
 #include <kel/safeio.h>
 
-#include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <cstring>
-#include <string>
-
 #include "os/scripted_calls.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 
-using kel::testing::at_most;
-using kel::testing::error;
-using kel::testing::fails;
-using kel::testing::Fault;
-using kel::testing::Hooked;
-using kel::testing::read_file;
-using kel::testing::ReportCapture;
-using kel::testing::Scripted;
+using namespace kel::testing;
+using namespace ::testing;
 using kel::testing::TempDir;
-using kel::testing::write_file;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 constexpr size_t kFailed = static_cast<size_t>(-1);
 
 using ScriptedFread = Scripted<"fread", size_t(void*, size_t, size_t, FILE*)>;
 using ScriptedFwrite = Scripted<"fwrite", size_t(const void*, size_t, size_t, FILE*)>;
 
-class SafeStream : public ::testing::Test {
+class SafeStream : public Test {
  protected:
   SafeStream() {
     write_file(path, "0123456789");

@@ -2,37 +2,23 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <clocale>
-#include <cstring>
-#include <filesystem>
-#include <string>
 #include <thread>
 
-#include "support/import_hook.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-using kel::testing::error;
-using kel::testing::fail_each;
-using kel::testing::Hooked;
-using kel::testing::open_descriptors;
-using kel::testing::ReportCapture;
+using namespace kel::testing;
+using namespace ::testing;
 using kel::testing::TempDir;
-using kel::testing::write_file;
-using ::testing::AnyOf;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 using Openat = Hooked<"openat", int(int, const char*, int, mode_t)>;
 using Unlinkat = Hooked<"unlinkat", int(int, const char*, int)>;
@@ -50,7 +36,7 @@ std::string refused(const std::string& path, int code) {
   return "DeleteTreeA: Could not delete " + path + " (" + std::strerror(code) + ")";
 }
 
-class Tree : public ::testing::Test {
+class Tree : public Test {
  protected:
   Tree() {
     fs::create_directories(outside);
@@ -88,7 +74,7 @@ class Tree : public ::testing::Test {
 
   /// Fails each call of one function in turn: the removal gets by, or fails with that error, tells
   /// so in one report, and a later one finishes it.
-  template <kel::testing::Symbol Name, class Signature, class R, class Plant>
+  template <Symbol Name, class Signature, class R, class Plant>
   long survive_each(R failure, int code, Plant plant_one) {
     const size_t open_before = open_descriptors();
     return fail_each<Name, Signature>(failure, code, [&] {
@@ -177,7 +163,7 @@ TEST_F(Tree, WidePathsTakeTheLocalesForm) {
   EXPECT_EQ(DeleteTreeW((widen(root) + L"/\u20ac").c_str()), 1);
   // More than the stack holds, and memory for it that cannot be had.
   const std::wstring long_path(4095, L'\u20ac');
-  const long failed = fail_each<"malloc", void*(size_t)>(static_cast<void*>(nullptr), ENOMEM, [&] {
+  const long failed = fail_each_malloc([&] {
     EXPECT_EQ(CreateDirW(long_path.c_str(), 0700), 0);
     EXPECT_THAT(errno, AnyOf(ENOMEM, ENAMETOOLONG));
   });
@@ -236,8 +222,8 @@ TEST_F(Tree, RefusesPathsThatNameNothing) {
   ASSERT_EQ(seen.size(), 4u);
   EXPECT_EQ(seen[0], "DeleteTreeA: invalid NULL parameter");
   EXPECT_EQ(seen[1], "DeleteTreeW: invalid NULL parameter");
-  EXPECT_THAT(seen[2], ::testing::StartsWith("DeleteTreeA: Could not delete " + root));
-  EXPECT_THAT(seen[3], ::testing::StartsWith("DeleteTreeA: unable to open directory: "));
+  EXPECT_THAT(seen[2], StartsWith("DeleteTreeA: Could not delete " + root));
+  EXPECT_THAT(seen[3], StartsWith("DeleteTreeA: unable to open directory: "));
 }
 
 TEST_F(Tree, DepthCostsNoDescriptorsAndNoPath) {

@@ -2,26 +2,15 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <clocale>
-#include <cstring>
-#include <filesystem>
 #include <map>
-#include <memory>
-#include <random>
-#include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
-#include "support/import_hook.h"
 #include "support/mount_space.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,19 +1,12 @@
 #include <kel/wide.h>
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <clocale>
-#include <cstring>
-#include <filesystem>
-#include <memory>
 #include <set>
-#include <string>
 
-#include "support/import_hook.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 

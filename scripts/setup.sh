@@ -5,7 +5,8 @@ set -euo pipefail
 
 declare -A packages=(
   [build]="g++ cmake ninja-build pkg-config libssl-dev zlib1g-dev liblzo2-dev libdeflate-dev libcurl4-openssl-dev
-           libboost-dev libgtest-dev libgmock-dev iproute2 python3 strace"
+           libsqlite3-dev libjansson-dev libboost-dev libgtest-dev libgmock-dev
+           iproute2 jq microsocks nginx-light openssl python3 sqlite3 strace"
   [bench]="libbenchmark-dev nettle-dev libglib2.0-dev libinih-dev libabsl-dev libmimalloc2.0 libspdlog-dev
            libpoco-dev python3"
   [lint]="clang-format clang-tidy"

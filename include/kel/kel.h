@@ -30,8 +30,10 @@
 #include <kel/net.h>
 #include <kel/options.h>
 #include <kel/os.h>
+#include <kel/passwd.h>
 #include <kel/path.h>
 #include <kel/preallocator.h>
+#include <kel/probes.h>
 #include <kel/runtime.h>
 #include <kel/safeio.h>
 #include <kel/serialize.h>

@@ -271,8 +271,8 @@ class KEL_API LogManager {
   std::mutex filesMutex_;   ///< before a file's own
   std::mutex bufferMutex_;  ///< guards buffer_
   std::atomic<time_t> swept_{0};
-  /// Finds in files_, whose keys it refers to, at the same price however many there are.
-  std::unordered_map<std::string_view, const std::shared_ptr<LogFile>*> index_;
+  /// The files of files_, whose keys it refers to, without a search that grows with their number.
+  std::unordered_map<std::string_view, std::shared_ptr<LogFile>> index_;
 };
 
 }  // namespace kel::util

@@ -225,6 +225,84 @@ KEL_API int logFileReset(void);
 KEL_API void logFileSetMaxSize(unsigned long bytes);
 /** @} */
 
+/** @name Size limit of the process
+ * What logFileSetMaxSize() sets, kept as a setting of its own that can be asked for: 0 until it is
+ * set, and not changed by that function. The forms without "Process" are other names. @{ */
+/** Sets the limit, in bytes, also as that of the log files, and reports it at the info level. */
+KEL_API void kelLogSetProcessMaxSize(unsigned long bytes);
+KEL_API void kelLogSetMaxSize(unsigned long bytes);
+/** Returns the limit, and stores it in `*out` unless `out` is null. */
+KEL_API unsigned long kelLogGetProcessMaxSize(unsigned long* out);
+KEL_API unsigned long kelLogGetMaxSize(unsigned long* out);
+/** @} */
+
+/**
+ * Turns words into a flags word. They are found anywhere in the text, in either case, also within
+ * longer words ("Errors,Warnings" has "err" and "warn", "debug" has "bug").
+ *
+ * - "none": 0, whatever else is there
+ * - else the first of "minimal", "short", "long", "verbose" and "full" that is there: that preset
+ * - else the levels among "crit", "err", "warn", "auth", "info", "notice", "trace" and "bug"
+ *
+ * To these come the modifiers "thread", "date", "silent" and "timing".
+ *
+ * @param text  null or empty: 0
+ * @return the flags word, or -1 (not reported) when the text names no level
+ */
+KEL_API int kelLogParseFlagsA(const char* text);
+/**
+ * Describes a flags word: "full, threadid, date". The first word is the largest preset that the
+ * flags contain, else "none"; single levels do not show, so the text may stand for other flags.
+ *
+ * @param buf  receives the text, silently cut to `len` bytes; 40 are always enough
+ * @return `buf`; "(unknown)" when it is null or `len` is below 4
+ */
+KEL_API const char* kelLogFlagsToString(int flags, char* buf, size_t len);
+
+/**
+ * Reads a service's logging settings from its INI file and makes its log directory. Sets nothing:
+ * that is kelLogSet()'s, with the path and the flags that come out.
+ *
+ *     [Logging]                    ; or the service's own section, which comes first
+ *     Logging = verbose, date      ; kelLogParseFlagsA(); default "long"
+ *     LogPath = /var/log/svc       ; under the key `pathKey`; default "/var/log/"
+ *     Retention = 14               ; days; default 0
+ *
+ * Each setting counts in `section` when that has it, else in the section Logging, where missing
+ * ones are stored with their default, in memory only. A directory without '/' has each backslash
+ * turned into '/'; unless the flags are 0 it is made, with those above it (0755 less the umask).
+ *
+ * A wrong setting is reported as by InifileErrorA(): flags without a level, a path that is no
+ * directory or cannot be looked at. A directory that cannot be made is reported by
+ * CreateTreeLoggingOptionalA(), a path that is too long with EINVAL. Thread-safe, as INI files are.
+ *
+ * @param iniPath        the file, loaded when it is not
+ * @param section        the service's own section; null or empty: none
+ * @param pathKey        the key of the directory; null or empty is EINVAL where it is needed
+ * @param logPath        receives the directory, a '/' and the file name; null: the directory is
+ *                       neither read nor made
+ * @param logPathLen     capacity of `logPath` in bytes, terminator included; 0 is like null
+ * @param fileName       null or empty: the path ends in '/'
+ * @param retentionDays  receives the number that the setting starts with, 0 for a negative one or
+ *                       none, INT_MAX for one beyond; may be null
+ * @param stripSlash     not 0: one final '/' of the directory (not the root's) is taken off before
+ *                       the directory is looked at
+ * @return the flags word, or -1: keep the logging as it is
+ *
+ * @code
+ * char path[4096];
+ * int days = 0;
+ * int flags = kelLogLoadA("/etc/svc.conf", "Svc", "LogPath", path, sizeof path, "svc.log", &days);
+ * if (flags != -1) kelLogSet(path, flags, 0);
+ * @endcode
+ */
+KEL_API int kelLogLoadStripA(const char* iniPath, const char* section, const char* pathKey,
+                             char* logPath, size_t logPathLen, const char* fileName,
+                             int* retentionDays, int stripSlash);
+/** As kelLogLoadStripA() with a `stripSlash` of 1. */
+KEL_API int kelLogLoadA(const char* iniPath, const char* section, const char* pathKey,
+                        char* logPath, size_t logPathLen, const char* fileName, int* retentionDays);
+
 /** The console stream: standard error. */
 KEL_API FILE* kelLogFile(void);
 /** For a child after fork, before it reports: makes the locks of the log anew and forgets the log

@@ -4,7 +4,6 @@
 #include <kel/digest.h>
 #include <kel/logging.h>
 
-#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
@@ -16,6 +15,7 @@
 #include <new>
 
 #include "crypto/derived_key_constants.h"
+#include "crypto/secret.h"
 #include "internal/hex.h"
 #include "internal/report.h"
 
@@ -28,12 +28,8 @@ constexpr std::size_t kKeyTextSize = 65;  // with its terminator
 constexpr std::size_t kIvSize = 16;
 constexpr int kAes256Ctr = 3;
 
-/// An array that is wiped when the scope ends.
 template <std::size_t Size>
-struct Secret {
-  ~Secret() { OPENSSL_cleanse(bytes, Size); }
-  unsigned char bytes[Size] = {};
-};
+using SecretBytes = Secret<unsigned char[Size]>;
 
 bool hmac(const void* key, std::size_t key_size, const char* text, std::size_t text_size,
           unsigned char* digest) {
@@ -43,15 +39,15 @@ bool hmac(const void* key, std::size_t key_size, const char* text, std::size_t t
 
 /// The key text of a seed, which may be null; false when OpenSSL fails.
 bool derive(const char* seed, char (&text)[kKeyTextSize]) {
-  Secret<kDigestSize> digest;
+  SecretBytes<kDigestSize> digest;
   if (!hmac(kDerivedKeySecret, sizeof kDerivedKeySecret - 1, kDerivedKeyText,
-            sizeof kDerivedKeyText - 1, digest.bytes))
+            sizeof kDerivedKeyText - 1, digest.value))
     return false;
   if (seed != nullptr && *seed != '\0') {
-    const Secret<kDigestSize> base = digest;
-    if (!hmac(base.bytes, kDigestSize, seed, std::strlen(seed), digest.bytes)) return false;
+    const SecretBytes<kDigestSize> base = digest;
+    if (!hmac(base.value, kDigestSize, seed, std::strlen(seed), digest.value)) return false;
   }
-  return SHA256FromData_r(digest.bytes, kDigestSize, text, kKeyTextSize) != nullptr;
+  return SHA256FromData_r(digest.value, kDigestSize, text, kKeyTextSize) != nullptr;
 }
 
 }  // namespace
@@ -61,12 +57,12 @@ int dcpGetDecrptKeyFromSeed(char* dataKey, size_t len, const char* seed) {
     errno = EINVAL;
     return fail(-1, -1, "%s, The input param data_key is NULL", __func__);
   }
-  char text[kKeyTextSize];
+  Secret<char[kKeyTextSize]> secret;
+  auto& text = secret.value;
   if (!derive(seed, text)) return fail(-1, -1, "%s, The data_key generate fails", __func__);
   if (len < kKeyTextSize) text[len] = '\0';
   std::memcpy(dataKey, text, std::min(len, kKeyTextSize));
   if (TraceOn()) __Trace("plugin generated data key:%s \n", text);
-  OPENSSL_cleanse(text, sizeof text);
   return 0;
 }
 
@@ -88,16 +84,16 @@ int dcpEncodeText(const char* plainText, char* encodeText, size_t len) {
   if (cipher == nullptr) return -1;
   if (sealed == nullptr) return fail_allocation(-1, kIvSize + size, __func__);
 
-  Secret<KelKey::kLength> raw_key;
-  if (dcpGetDecrptKeyFromSeed(reinterpret_cast<char*>(raw_key.bytes), KelKey::kLength, nullptr) !=
+  SecretBytes<KelKey::kLength> raw_key;
+  if (dcpGetDecrptKeyFromSeed(reinterpret_cast<char*>(raw_key.value), KelKey::kLength, nullptr) !=
       0)
     return fail(-1, -1, "%s, get data_key fails", __func__);
-  KelKey key = KelKey::NewKey(raw_key.bytes);
+  Secret<KelKey> key;
+  key.value.Assign(raw_key.value);
   cipher->makeIv(sealed.get());
-  const bool done =
-      cipher->Init(0, key, sealed.get()) && cipher->Process(plainText, static_cast<int>(size), true,
-                                                            sealed.get() + kIvSize, nullptr) >= 0;
-  OPENSSL_cleanse(&key, sizeof key);
+  const bool done = cipher->Init(0, key.value, sealed.get()) &&
+                    cipher->Process(plainText, static_cast<int>(size), true, sealed.get() + kIvSize,
+                                    nullptr) >= 0;
   if (!done) return -1;  // reported by the cipher
   hex_encode(sealed.get(), kIvSize + size, encodeText);
   encodeText[2 * (kIvSize + size)] = '\0';

@@ -337,7 +337,7 @@ TEST_F(Log, ContextsCanBeMovedAndDropped) {
   void* mine = kelLogGetCtx();
   ASSERT_NE(mine, nullptr);
   std::thread([] {
-    ErrorA(1, "%s", "");
+    NoticeA(0, "makes a context");
     kelLogCtxDestroy(kelLogGetCtx());
     EXPECT_EQ(kelLogGetCtx(), nullptr);
     EXPECT_EQ(num_lc, 1);

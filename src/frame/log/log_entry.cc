@@ -2,6 +2,7 @@
 // be written is dropped, and that is told once.
 #include <kel/logging.h>
 
+#include <atomic>
 #include <exception>
 
 #include "frame/log/log_access.h"
@@ -13,6 +14,8 @@ namespace {
 
 using namespace kel::internal;
 using kel::util::LogManager;
+
+std::atomic<unsigned long> process_log_max_size;
 
 /// Calls `write`, which is about lines for `path`; errno stays.
 template <class Write>
@@ -61,3 +64,17 @@ int logFileReset(void) { return reset_log_files(); }
 void logFileSetMaxSize(unsigned long bytes) {
   contain("", [=] { LogManager::getInstance()->setMaxFileSize(bytes); });
 }
+
+void kelLogSetProcessMaxSize(unsigned long bytes) {
+  process_log_max_size = bytes;
+  logFileSetMaxSize(bytes);
+  InfoA(-1, "set entire process max log size to %lu", bytes);
+}
+void kelLogSetMaxSize(unsigned long bytes) { kelLogSetProcessMaxSize(bytes); }
+
+unsigned long kelLogGetProcessMaxSize(unsigned long* out) {
+  const unsigned long bytes = process_log_max_size;
+  if (out != nullptr) *out = bytes;
+  return bytes;
+}
+unsigned long kelLogGetMaxSize(unsigned long* out) { return kelLogGetProcessMaxSize(out); }

@@ -132,7 +132,7 @@ std::shared_ptr<LogFile> LogManager::getLogFile(const std::string& path) {
 std::shared_ptr<LogFile> LogManager::find(std::string_view path) {
   const std::lock_guard lock(filesMutex_);
   const auto known = index_.find(path);
-  const auto& file = known != index_.end() ? *known->second : add(path);
+  const auto& file = known != index_.end() ? known->second : add(path);
   if (log_lines_waiting.load(std::memory_order_relaxed) != 0) {
     std::unique_lock guard(bufferMutex_);
     const auto buffer = buffer_;
@@ -145,8 +145,7 @@ std::shared_ptr<LogFile> LogManager::find(std::string_view path) {
 const std::shared_ptr<LogFile>& LogManager::add(std::string_view path) {
   const std::string key(path);
   const auto added = files_.emplace(key, std::make_shared<LogFile>(key)).first;
-  index_[added->first] = &added->second;
-  return added->second;
+  return index_[added->first] = added->second;
 }
 
 std::shared_ptr<LogFile> LogManager::getBuffer() {

@@ -41,7 +41,7 @@ Port = 0
 PidDir = $work
 LogPath = $work/log
 LogSize = 4000
-IdleTimeout = 1
+IdleTimeout = 2
 MaxPeers = 2
 [Logging]
 Logging = long, date

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """Prints a table of ratios from Google Benchmark's JSON files.
 
-Benchmarks named TASK/kel and TASK/PEER are compared by their median CPU time; a ratio above 1 means
-that the library is faster than the peer. Counters are printed below it. Ends
-with status 1 when a benchmark skipped itself with an error or there is nothing to compare. Usage:
+Benchmarks named TASK/kel and TASK/PEER are compared by their median CPU time, or by the time that
+they ask to be measured by; a ratio above 1 means that the library is faster than the peer. Counters
+are printed below it. Ends with status 1 when a benchmark skipped itself with an error or there is nothing to compare. Usage:
 bench_ratios.py FILE.json...
 """
 import json
@@ -28,8 +28,9 @@ for path in sys.argv[1:]:
                 # What the benchmark itself has counted, such as memory; times are in the table.
                 counters.setdefault(name, {}).update(
                     {key: run[key] for key in ("bytes_per_record", "percent") if key in run})
+                by_clock = any(word in run["run_name"] for word in ("real_time", "manual_time"))
                 times.setdefault(name, []).append(
-                    (run["real_time"] if "real_time" in run["run_name"] else run["cpu_time"]) * scale)
+                    run["real_time" if by_clock else "cpu_time"] * scale)
 
 medians = {name: statistics.median(values) for name, values in times.items()}
 rows = []

@@ -11,13 +11,20 @@
  * Every socket made here is closed when the process starts another program.
  *
  * Failures are reported, with `errno` at the failing call's value, unless a function says
- * otherwise. A signal does not end a wait.
+ * otherwise. A signal does not end a wait, but that for a peer.
  *
- * Threads: no locks and no state but what NetReadReply() does to SIGPIPE. A context belongs to one
- * thread at a time; different sockets and contexts are independent.
+ * Threads: no locks and no state but what NetReadReply() does to SIGPIPE and the names of peers
+ * that NetWaitForRemote() remembers. A context belongs to one thread at a time; different sockets
+ * and contexts are independent, but one thread of the process at a time waits for peers.
  *
  * @code
- * NetContext *service = NetSetup("10.0.0.0/8", 10082);      // or a client's, below
+ * NetContext *service = NetSetup("10.0.0.0/8", 10082);
+ * if (service == NULL) return -1;
+ * service->allowedPeers = strdup("10.0.0.0/8");
+ * for (int sock; (sock = NetWaitForRemote(service)) >= 0; close(sock)) {
+ *   service->connection = -1;                               // `sock` is ours now
+ *   answer(sock, service->remoteHost);
+ * }
  *
  * NetContext client = {.timeout = 30};
  * client.connection = NetConnectByAddr(list, NULL);
@@ -33,9 +40,15 @@
 #include <kel/export.h>
 #include <kel/iprange.h>
 
+#include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/socket.h>
+
+#ifdef __cplusplus
+#include <map>
+#include <string>
+#endif
 
 /** @name Options of a socket: bits of the flags
  * @{ */
@@ -56,6 +69,8 @@
 
 /** Bytes for a reply, terminator included. */
 #define KEL_NET_REPLY_SIZE 16384
+/** Names of peers that are remembered at most; a few megabytes. */
+#define KEL_NET_CACHED_NAMES 10000
 
 KEL_BEGIN_DECLS
 
@@ -69,7 +84,8 @@ typedef struct NetContext {
   char* bindHost;     /**< "0.0.0.0" after a setup function; owned */
   char* allowedPeers; /**< IP range text (kel/iprange.h) of the peers that may come in; null or
                          empty: all. From malloc(); set by the caller, freed by NetClose() */
-  int timeout;        /**< seconds that a wait for input takes at most; 0: see NetCheckForInput() */
+  int timeout;        /**< seconds that a wait takes at most, for input (0: see NetCheckForInput())
+                         and for a peer (0 or less: without limit) */
   NetInterface** interfaces; /**< addresses that the service serves, ending in null; owned */
   int interfaceCount;
   int* listenSockets; /**< listening descriptors, one or two; owned */
@@ -79,14 +95,15 @@ typedef struct NetContext {
   uint16_t port;         /**< listening port; what the system chose when 0 was asked for */
   char replyBuffer[KEL_NET_REPLY_SIZE]; /**< the last line of NetReadReply(), terminated */
 
-  uint16_t shuttingDown; /**< not 0: peers are told to come later; set by the caller */
-  char remoteHost[257];  /**< name or address of the accepted peer */
-  uint16_t remotePort;   /**< its port; 0xFFFF for an unknown family */
-  unsigned int
-      cacheClearInterval; /**< seconds that names of peers are remembered; set by the caller */
-  int (*idleCallback)(
-      void* idleData); /**< called when a wait expires; -1 ends the wait. May be null */
-  void* idleData;      /**< handed to the callback */
+  /** Not 0: peers are told to come later. Set by the caller, from any thread or signal handler. */
+  uint16_t shuttingDown;
+  char remoteHost[257]; /**< name of the accepted peer, cut; or "<unknown host>" */
+  uint16_t remotePort;  /**< its port; 0xFFFF for an unknown family */
+  /** Seconds after which all names of peers are forgotten; 0 remembers none. Set by the caller. */
+  unsigned int cacheClearInterval;
+  /** Called when a wait for a peer expires; -1 ends the wait. May be null; set by the caller. */
+  int (*idleCallback)(void* idleData);
+  void* idleData; /**< handed to the callback */
 } NetContext;
 
 /** How NetConnectByAddr() connects. All zero is a plain connection. */
@@ -146,6 +163,49 @@ KEL_API NetContext* NetSetupFromIPRange(const char* iprange, unsigned int port);
 KEL_API NetContext* NetSetup(const char* iprange, unsigned int port);
 /** Closes the sockets and the connection of a context and frees it. `errno` is kept. */
 KEL_API void NetClose(NetContext* ctx);
+/**
+ * Waits for a peer that may come in: finds its name and port (`remoteHost`, `remotePort`), and
+ * gives its socket keep-alive (first probe after 210 idle seconds) and a closing that waits up to
+ * 5 seconds for what was sent.
+ *
+ * - An IPv4 peer must lie in `allowedPeers`, by NetCheckIPRange(); an IPv4-mapped IPv6 address, as
+ *   peers have that come through a socket for both, is that IPv4 address. A mistake in the text
+ *   refuses all but those that an element before it lets in. Other IPv6 peers come in whatever the
+ *   range is: a service with a range listens on IPv4 alone to keep them out. What is refused gets
+ *   the line "ABRT  Access Denied" and a record at the authentication level, and the wait goes on.
+ * - With `shuttingDown` set, the next peer that may come in is sent away with the line
+ *   "BYE  Service Shutting Down, try again later", and the wait ends. Nothing else looks at the
+ *   flag: let `idleCallback` end the wait when no peer comes, or a signal.
+ * - `idleCallback` is called when `timeout` has passed without a peer, each time.
+ *
+ * The name comes from a reverse lookup, which takes as long as it takes, for refused peers too; a
+ * peer without a name is reported and comes in. The first lookup above 3 seconds, also one without
+ * result, turns on a cache (#g_DNS_Cache) for the whole process.
+ *
+ * The listening sockets are made non-blocking, which is seen by other processes that share them:
+ * so a peer that has gone when its turn comes, or was taken by another process, holds up nobody.
+ *
+ * @return the connected, blocking socket, also in `connection`: whoever closes it, or hands it on,
+ *         sets that to -1 before NetClose(). -1 when the wait ended, with nobody accepted, not
+ *         reported but by traces:
+ *         - EINTR: a signal came while it waited
+ *         - ECANCELED: the callback ended it; ESHUTDOWN: a peer was told to come later
+ *         - ECONNABORTED and network errors (accept(2)): that peer was lost; call again
+ *         - EMFILE, ENFILE, ENOBUFS, ENOMEM: there is no descriptor or memory for the peer, who
+ *           waits in the queue. Returns after a tenth of a second, so that calling again is no
+ *           busy loop.
+ *         - EBADF, EINVAL: a listening socket, or the context, cannot be used
+ */
+KEL_API int NetWaitForRemote(NetContext* ctx);
+/** @} */
+
+/** @name Names of peers
+ * Unguarded: for the thread that waits for peers. @{ */
+/** Whether names are remembered. Off at first; on after a slow lookup; off when a peer's address
+ * has no text. */
+extern KEL_API bool g_DNS_Cache_enabled;
+/** Lookups that took more than 3 seconds. */
+extern KEL_API unsigned int g_found_DNS_slow_count;
 /** @} */
 
 /** @name Clients
@@ -243,5 +303,11 @@ KEL_API void NetStop(void); /**< see there */
 /** @} */
 
 KEL_END_DECLS
+
+#ifdef __cplusplus
+/** Names by the text of the address, #KEL_NET_CACHED_NAMES at most: when it is full, a neighbour in
+ * the order of the texts gives way. Emptied as `cacheClearInterval` says. */
+extern KEL_API std::map<std::string, std::string> g_DNS_Cache;
+#endif
 
 #endif

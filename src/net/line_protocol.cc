@@ -16,6 +16,7 @@
 
 #include "internal/report.h"
 #include "internal/transfer.h"
+#include "net/line.h"
 #include "net/wait.h"
 
 using namespace kel::internal;
@@ -29,6 +30,7 @@ constexpr int kPatience = 60'000;  // milliseconds without a byte
 /// Most lines fit the first look ahead; a larger one would copy what belongs to the lines behind.
 constexpr size_t kFirstLook = 512;
 constexpr size_t kLook = 4096;
+constexpr char kSendName[] = "NetSend";    // in reports
 constexpr char kWaitName[] = "NetSelect";  // in reports about waits
 constexpr int kGoOn = -1;                  // no result yet
 
@@ -170,6 +172,16 @@ class LineReader {
 
 }  // namespace
 
+int kel::internal::send_line(int sock, int flags, std::string_view line) {
+  const ssize_t sent =
+      retry_interrupted([&] { return ::send(sock, line.data(), line.size(), flags); });
+  if (sent == -1 && errno == ENOTSOCK)
+    return static_cast<int>(
+        retry_interrupted([&] { return ::write(sock, line.data(), line.size()); }));
+  if (sent == -1) return fail(-1, errno, "%s: could not send on socket", kSendName);
+  return static_cast<int>(sent);
+}
+
 int NetSend(int sock, const char* format, ...) {
   if (format == nullptr) return fail(-1, EINVAL, "%s: invalid NULL parameter", __func__);
   char line[kSentSize];
@@ -181,12 +193,7 @@ int NetSend(int sock, const char* format, ...) {
   if (wanted < 0) return fail(-1, errno, "%s: could not format line", __func__);
   size_t size = std::min(static_cast<size_t>(wanted), kText - 1);
   line[size++] = '\n';
-
-  const ssize_t sent = retry_interrupted([&] { return ::send(sock, line, size, 0); });
-  if (sent == -1 && errno == ENOTSOCK)
-    return static_cast<int>(retry_interrupted([&] { return ::write(sock, line, size); }));
-  if (sent == -1) return fail(-1, errno, "%s: could not send on socket", __func__);
-  return static_cast<int>(sent);
+  return send_line(sock, 0, {line, size});
 }
 
 int NetReadReply(NetContext* ctx) {

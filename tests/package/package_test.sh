@@ -20,6 +20,11 @@ cmake --build "$work/cmake" >/dev/null
 "$work/cmake/from_c"
 "$work/cmake/from_cxx"
 
+echo "examples"
+cmake -S "$consumer/../../../examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
+cmake --build "$work/examples" >/dev/null
+
 echo "pkg-config"
 export PKG_CONFIG_PATH=$libdir/pkgconfig
 flags=$(pkg-config --cflags --libs kel)

@@ -13,6 +13,7 @@ cmake --build --preset release --target kel-dedup kel-dedup-walk-speed
 
 dedup=build/release/examples/dedup/kel-dedup
 work=$(mktemp -d)
+export XDG_CONFIG_HOME="$work/config"  # where key files are made
 trap 'chmod -R u+rwX "$work"; rm -rf "$work"' EXIT
 
 echo
@@ -21,16 +22,20 @@ cat >"$work/dedup.ini" <<END
 [Repository]
 ChunkSize = 32KiB
 Compression = zlib
-[Log]
-File = $work/dedup.log
-Level = long
+KeyFile = $work/auth.key
+[Logging]
+LogPath = $work/logs
+MaxSize = 1MiB
+Retention = 30
 END
 cat "$work/dedup.ini"
 "$dedup" --config="$work/dedup.ini" --chunk-size=8KiB --quiet store "$work/repo" "$source_dir"
 echo "-- the settings that the repository keeps:"
 cat "$work/repo/settings.ini"
 echo "-- the log file:"
-cat "$work/dedup.log"
+tail "$work"/logs/*
+echo "-- the repository's key, which only the key file opens:"
+cat "$work/repo/key"
 rm -r "$work/repo"
 
 echo

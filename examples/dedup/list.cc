@@ -11,8 +11,8 @@
 
 namespace dedup {
 
-int list(const std::string& path) {
-  Repository repository(path);
+int list(const std::string& path, const Options& options) {
+  Repository repository(path, options.key_file);
   std::vector<NumberedFile> files;
   if (!repository.open() || !repository.list_snapshots(files)) return 1;
   int status = 0;

@@ -33,8 +33,9 @@ void usage(const char* program) {
       "  verify  REPO                reads everything and checks every fingerprint\n"
       "  list    REPO                shows the snapshots\n"
       "\n"
-      "The exit status is 0 when everything is right, else 1. REPO/key is the key: without it\n"
-      "nothing can be read, with it everything.\n",
+      "The exit status is 0 when everything is right, else 1. Whoever has REPO and the key file "
+      "can\n"
+      "read everything, and nobody without the two.\n",
       stdout);
   dedup::print_options(stdout, program, argument_count, arguments);
 }
@@ -55,7 +56,7 @@ int run(const std::vector<std::string>& words, const dedup::Options& options) {
   if (command == "restore" && count == 4)
     return dedup::restore(words[1], words[2], words[3], options);
   if (command == "verify" && count == 2) return dedup::verify(words[1], options);
-  if (command == "list" && count == 2) return dedup::list(words[1]);
+  if (command == "list" && count == 2) return dedup::list(words[1], options);
   ShowUsage(arguments, usage);
   return 1;
 }

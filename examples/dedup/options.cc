@@ -4,7 +4,10 @@
 #include <kel/options.h>
 
 #include <cerrno>
-#include <string_view>
+#include <string>
+
+#include "key.h"
+#include "log_files.h"
 
 namespace dedup {
 namespace {
@@ -14,12 +17,10 @@ namespace {
 char* config;
 uint32_t chunk_size;
 char* compression;
-char* log_file;
-char* log_level;
+char* key_file;
 bool quiet;
 
 constexpr char kMaking[] = "Making a repository";
-constexpr char kReports[] = "Reports";
 
 opt_t config_option = {.group = "General",
                        .short_name = 'c',
@@ -31,7 +32,9 @@ opt_t config_option = {.group = "General",
                        .ini_key = nullptr,
                        .flags = 0,
                        .value = &config,
-                       .help = "An INI file with values for the options below."};
+                       .help =
+                           "An INI file with values for the options below, and with a section "
+                           "[Logging] for log files."};
 opt_t chunk_size_option = {.group = kMaking,
                            .short_name = 0,
                            .long_name = "chunk-size",
@@ -57,31 +60,20 @@ opt_t compression_option = {.group = kMaking,
                             .flags = 0,
                             .value = &compression,
                             .help = "How chunks are compressed; kept likewise."};
-opt_t log_file_option = {.group = kReports,
-                         .short_name = 0,
-                         .long_name = "log-file",
+opt_t key_file_option = {.group = "General",
+                         .short_name = 'k',
+                         .long_name = "key-file",
                          .type = OPT_PATH,
                          .metavar = nullptr,
-                         .default_value = nullptr,
-                         .ini_section = "Log",
-                         .ini_key = "File",
+                         .default_value = nullptr,  // set_defaults()
+                         .ini_section = "Repository",
+                         .ini_key = "KeyFile",
                          .flags = 0,
-                         .value = &log_file,
-                         .help = "Reports go to this file too, with date and time."};
-opt_t log_level_option = {.group = kReports,
-                          .short_name = 0,
-                          .long_name = "log-level",
-                          .type = OPT_TEXT,
-                          .metavar = "LEVEL",
-                          .default_value = "short",
-                          .ini_section = "Log",
-                          .ini_key = "Level",
-                          .flags = 0,
-                          .value = &log_level,
-                          .help =
-                              "What is reported: none, minimal (errors), short (warnings too), "
-                              "long (what was done), verbose or full."};
-opt_t quiet_option = {.group = kReports,
+                         .value = &key_file,
+                         .help =
+                             "The file that protects the keys of repositories. It lies outside "
+                             "of them, and is made with the first repository."};
+opt_t quiet_option = {.group = "General",
                       .short_name = 'q',
                       .long_name = "quiet",
                       .type = OPT_SET,
@@ -92,22 +84,13 @@ opt_t quiet_option = {.group = kReports,
                       .flags = 0,
                       .value = &quiet,
                       .help = "No line of progress on a terminal."};
-opt_t* table[] = {&config_option,   &chunk_size_option, &compression_option,
-                  &log_file_option, &log_level_option,  &quiet_option,
-                  nullptr};
+opt_t* table[] = {&config_option,     &key_file_option,    &quiet_option,
+                  &chunk_size_option, &compression_option, nullptr};
 
-/// The flags word of a level's name; -1 after a report.
-int find_log_flags(std::string_view name) {
-  static constexpr struct {
-    const char* name;
-    int flags;
-  } kLevels[] = {{"none", KEL_LOG_NONE}, {"minimal", KEL_LOG_MINIMAL}, {"short", KEL_LOG_SHORT},
-                 {"long", KEL_LOG_LONG}, {"verbose", KEL_LOG_VERBOSE}, {"full", KEL_LOG_FULL}};
-  for (const auto& [known, flags] : kLevels)
-    if (name == known) return flags;
-  ErrorA(EINVAL, "'%.*s' is no level; there are none, minimal, short, long, verbose and full",
-         static_cast<int>(name.size()), name.data());
-  return -1;
+/// The default that depends on the user, whose text the table refers to.
+void set_defaults() {
+  static const std::string usual_key_file = default_key_file();
+  if (!usual_key_file.empty()) key_file_option.default_value = usual_key_file.c_str();
 }
 
 /// Takes over what the parser stored; false after a report.
@@ -118,16 +101,19 @@ bool take_values(Options& options) {
     return false;
   }
   const auto known_compression = find_compression(compression);
-  const int flags = find_log_flags(log_level);
-  if (!known_compression || flags < 0) return false;
-  options = {{chunk_size, *known_compression}, quiet};
-  kelLogSet(log_file, log_file == nullptr ? flags : flags | KEL_LOG_DATE, 0);
-  return true;
+  if (!known_compression) return false;
+  if (key_file == nullptr || *key_file == '\0') {
+    ErrorA(ENOENT, "there is no HOME to find the key file in; name one with --key-file");
+    return false;
+  }
+  options = {{chunk_size, *known_compression}, key_file, quiet};
+  return set_up_log(config);
 }
 
 }  // namespace
 
 int read_options(int argc, char** argv, Options& options) {
+  set_defaults();
   int first = opt_parse(table, argc, argv);
   if (first >= 0 && !take_values(options)) first = -1;
   opt_free(table);
@@ -135,6 +121,7 @@ int read_options(int argc, char** argv, Options& options) {
 }
 
 void print_options(std::FILE* out, const char* program, int argc, char** argv) {
+  set_defaults();
   opt_fprintf_help(out, program, argc, argv, table, "COMMAND REPO ...");
   opt_free(table);
 }

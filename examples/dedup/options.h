@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdio>
+#include <string>
 
 #include "settings.h"
 
@@ -9,6 +10,7 @@ namespace dedup {
 
 struct Options {
   Settings settings;  ///< for a repository that is made
+  std::string key_file;
   bool quiet = false;
 };
 

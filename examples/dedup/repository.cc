@@ -1,7 +1,7 @@
 // The layout of a repository:
 //
 //   settings.ini  version, chunk size, compression, and which key
-//   key           the key as 64 hexadecimal digits; mode 0600
+//   key           the key, protected by a key file elsewhere
 //   lock          locked by the process that stores
 //   last-container, index  the last number of a container, and where chunks are
 //   containers    chunks
@@ -16,16 +16,17 @@
 #include <kel/text.h>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 #include "descriptor.h"
 #include "fingerprint.h"
+#include "key.h"
 #include "walk.h"
 
 namespace dedup {
@@ -49,15 +50,12 @@ std::string id_of(const KelKey& key) {
   return text_of(fingerprint_of({key.Bytes(), KelKey::kLength})).substr(0, 16);
 }
 
-/// The whole of a small file; false with errno when it cannot be read.
-bool read_small_file(const std::string& path, std::string& text) {
-  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file) return false;
-  text.resize(4096);
-  const ssize_t count = safe_read(file.get(), text.data(), text.size());
-  if (count < 0) return false;
-  text.resize(static_cast<size_t>(count));
-  return true;
+/// Whether a file, which need not be there, lies in a folder or below it.
+bool lies_in(const std::string& file, const std::string& folder) {
+  std::error_code problem;
+  const auto from = std::filesystem::weakly_canonical(folder, problem);
+  const auto way = std::filesystem::weakly_canonical(file, problem).lexically_relative(from);
+  return !way.empty() && *way.begin() != "..";
 }
 
 std::string numbered_name(uint32_t number, const char* suffix) {
@@ -139,9 +137,9 @@ std::string Repository::settings_path() const { return path_ + "/" + kSettings; 
 
 bool Repository::open() {
   std::string key_id;
-  if (!read_settings(settings_path(), settings_, key_id) || !read_key()) return false;
+  if (!read_settings(settings_path(), settings_, key_id) || !load_key()) return false;
   if (key_id == id_of(key_)) return true;
-  ErrorA(EINVAL, "%s/key and %s do not belong together; bring back the right key", path_.c_str(),
+  ErrorA(EINVAL, "%s and %s do not belong together; bring back the right ones", key_path().c_str(),
          settings_path().c_str());
   return false;
 }
@@ -217,34 +215,21 @@ bool Repository::write_small_file(const std::string& name, const std::string& te
 }
 
 bool Repository::make_key() {
-  if (::access((path_ + "/key").c_str(), F_OK) == 0) return read_key();
+  if (::access(key_path().c_str(), F_OK) == 0) return load_key();
+  if (lies_in(key_file_, path_)) {
+    ErrorA(EINVAL,
+           "the key file %s lies in the repository, where it protects nothing; name another place "
+           "with --key-file",
+           key_file_.c_str());
+    return false;
+  }
+  if (!make_key_file(key_file_)) return false;
   key_ = KelKey::NewKey(nullptr);
-  Fingerprint digits;
-  std::memcpy(digits.bytes.data(), key_.Bytes(), KelKey::kLength);
-  return write_small_file("key", text_of(digits) + "\n");
+  const std::string text = protect_key(key_, key_file_);
+  return !text.empty() && write_small_file("key", text);
 }
 
-bool Repository::read_key() {
-  const std::string path = path_ + "/key";
-  std::string text;
-  if (!read_small_file(path, text)) {
-    ErrorA(errno, "could not read %s: %s; without it nothing can be read", path.c_str(),
-           std::strerror(errno));
-    return false;
-  }
-  unsigned char bytes[KelKey::kLength];
-  constexpr size_t kTextSize = 2 * sizeof bytes + 1;
-  if (text.size() != kTextSize || SHA256StringToDigest_r(text.c_str(), bytes) == nullptr) {
-    ErrorA(EINVAL, "%s is damaged: it should be one line of 64 hexadecimal digits; bring it back",
-           path.c_str());
-    return false;
-  }
-  key_.Assign(bytes);
-  struct stat status;
-  if (::stat(path.c_str(), &status) == 0 && (status.st_mode & 077) != 0)
-    WarningA(-1, "others may read %s; protect it with chmod 600", path.c_str());
-  return true;
-}
+bool Repository::load_key() { return read_key(key_path(), key_file_, key_); }
 
 /// As write_small_file(); what an interrupted save left is in the folder that is cleaned.
 bool Repository::write_settings_file(const Settings& wanted) {

@@ -20,7 +20,10 @@ struct NumberedFile {
 
 class Repository {
  public:
-  explicit Repository(std::string path) : path_(std::move(path)) {}
+  /// `key_file` protects the key.
+  Repository(std::string path, std::string key_file)
+      : path_(std::move(path)), key_file_(std::move(key_file)) {}
+  ~Repository() { key_.AssignZero(); }
 
   /// Opens an existing repository for reading. Needs no lock: files appear whole and stay.
   bool open();
@@ -49,15 +52,17 @@ class Repository {
  private:
   bool make(const Settings& wanted);
   bool lock();
-  bool read_key();
+  bool load_key();
   bool make_key();
   bool write_settings_file(const Settings& wanted);
   void compare_settings(const Settings& wanted) const;
   bool clean_temporaries();
   bool write_small_file(const std::string& name, const std::string& text);
+  std::string key_path() const { return path_ + "/key"; }
   std::string settings_path() const;
 
   std::string path_;
+  std::string key_file_;
   std::mutex mutex_;
   KelFileLock lock_{mutex_};
   KelKey key_;

@@ -241,7 +241,7 @@ bool make_target(const std::string& target) {
 
 int restore(const std::string& path, const std::string& snapshot, const std::string& target,
             const Options& options) {
-  Repository repository(path);
+  Repository repository(path, options.key_file);
   NumberedFile file;
   // The snapshot before the index: what it needs is then there.
   if (!repository.open() || !repository.find_snapshot(snapshot, file) || !make_target(target))

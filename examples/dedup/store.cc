@@ -214,7 +214,7 @@ std::string resolve_folder(const std::string& name) {
 int store(const std::string& path, const std::string& source, const Options& options) {
   const std::string folder = resolve_folder(source);
   if (folder.empty()) return 1;
-  Repository repository(path);
+  Repository repository(path, options.key_file);
   std::vector<NumberedFile> snapshots;
   ChunkIndex index(repository, ChunkIndex::Use::kStore);
   ContainerNumbers numbers;

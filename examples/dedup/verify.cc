@@ -132,7 +132,7 @@ int Verify::finish(size_t snapshots) {
 }  // namespace
 
 int verify(const std::string& path, const Options& options) {
-  Repository repository(path);
+  Repository repository(path, options.key_file);
   std::vector<NumberedFile> snapshots;
   ChunkIndex index(repository, ChunkIndex::Use::kRead);
   // The snapshots before the containers: what they need is then there, also while a store runs.

@@ -16,7 +16,8 @@ namespace lineserver {
 
 class KnownChunks {
  public:
-  KnownChunks(const std::string& path, LogTarget log) : repository_(path), log_(std::move(log)) {}
+  KnownChunks(const std::string& path, const std::string& key_file, LogTarget log)
+      : repository_(path, key_file), log_(std::move(log)) {}
   ~KnownChunks();
   KnownChunks(const KnownChunks&) = delete;
   KnownChunks& operator=(const KnownChunks&) = delete;

@@ -8,6 +8,7 @@
 #include <climits>
 #include <filesystem>
 
+#include "key.h"
 #include "protocol.h"
 
 namespace lineserver {
@@ -16,6 +17,7 @@ namespace {
 // Where the parser puts the values; strings are freed at the end of read_options().
 char* config;
 char* repository;
+char* key_file;
 uint16_t port;
 char* allowed_peers;
 uint32_t most_peers;
@@ -50,6 +52,17 @@ opt_t repository_option = {nullptr,
                            OPT_MANDATORY,
                            &repository,
                            "The repository of kel-dedup whose chunks are asked for."};
+opt_t key_file_option = {nullptr,
+                         'k',
+                         "key-file",
+                         OPT_PATH,
+                         nullptr,
+                         nullptr,  // set_defaults()
+                         kSection,
+                         "KeyFile",
+                         0,
+                         &key_file,
+                         "The file that protects the key of the repository."};
 opt_t port_option = {nullptr,
                      'p',
                      "port",
@@ -120,9 +133,15 @@ opt_t log_size_option = {nullptr,
 opt_t foreground_option = {
     nullptr, 'f',         "foreground",           OPT_SET, nullptr, nullptr, nullptr, nullptr,
     0,       &foreground, "Stay at the terminal."};
-opt_t* table[] = {
-    &config_option, &repository_option, &port_option,     &peers_option,      &most_peers_option,
-    &idle_option,   &pid_option,        &log_size_option, &foreground_option, nullptr};
+opt_t* table[] = {&config_option,   &repository_option, &key_file_option, &port_option,
+                  &peers_option,    &most_peers_option, &idle_option,     &pid_option,
+                  &log_size_option, &foreground_option, nullptr};
+
+/// The default that depends on the user, whose text the table refers to.
+void set_defaults() {
+  static const std::string usual_key_file = dedup::default_key_file();
+  if (!usual_key_file.empty()) key_file_option.default_value = usual_key_file.c_str();
+}
 
 bool refuse(const char* what) {
   ErrorA(EINVAL, "%s", what);
@@ -147,12 +166,15 @@ bool read_log_settings(LogTarget& log) {
 bool take_values(Options& options) {
   if (repository == nullptr || *repository == '\0')
     return refuse("name a repository with --repository");
+  if (key_file == nullptr || *key_file == '\0')
+    return refuse("name the key file of the repository with --key-file");
   if (!NetCheckIPRange(allowed_peers, nullptr, true)) return false;
   if (most_peers < 1 || most_peers > kMostPeers)
     return refuse("--max-peers must be from 1 to 10000");
   if (idle_seconds < 1 || idle_seconds > kMostSeconds)
     return refuse("--idle-timeout must be from a second to a day");
   options = {std::filesystem::absolute(repository),
+             std::filesystem::absolute(key_file),
              port,
              allowed_peers,
              most_peers,
@@ -168,6 +190,7 @@ bool take_values(Options& options) {
 void LogTarget::use() const { kelLogSet(path.empty() ? nullptr : path.c_str(), flags, 0); }
 
 bool read_options(int argc, char** argv, Options& options) {
+  set_defaults();
   const int first = opt_parse(table, argc, argv);
   const bool read = first >= 0 && (first == argc || refuse("there are options only"));
   const bool taken = read && take_values(options);
@@ -176,6 +199,7 @@ bool read_options(int argc, char** argv, Options& options) {
 }
 
 void print_options(std::FILE* out, const char* program, int argc, char** argv) {
+  set_defaults();
   opt_fprintf_help(out, program, argc, argv, table, "");
   opt_free(table);
 }

@@ -18,6 +18,7 @@ struct LogTarget {
 
 struct Options {
   std::string repository;
+  std::string key_file;
   uint16_t port;
   std::string allowed_peers;  ///< IP range; empty: everybody
   uint32_t most_peers;

@@ -65,7 +65,9 @@ class PidFile {
 class Server {
  public:
   explicit Server(const Options& options)
-      : options_(options), chunks_(options.repository, options.log), peers_(options.most_peers) {}
+      : options_(options),
+        chunks_(options.repository, options.key_file, options.log),
+        peers_(options.most_peers) {}
 
   /// No signal finds the context that is gone.
   ~Server() { set_stop_action(SIG_IGN); }

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "container.h"
+#include "key.h"
 
 int main(int argc, char** argv) {
   using namespace dedup;
@@ -14,7 +15,7 @@ int main(int argc, char** argv) {
   const std::string path = argv[1];
   const uint64_t chunks = std::strtoull(argv[2], nullptr, 10);
   const uint64_t in_container = argc > 3 ? std::strtoull(argv[3], nullptr, 10) : chunks;
-  Repository repository(path);
+  Repository repository(path, default_key_file());
   ContainerNumbers numbers;
   if (!repository.open_for_store(Settings{}) || !numbers.open(path + "/last-container", path, 0))
     return 1;

@@ -9,7 +9,8 @@ synthetic=$(realpath "$4")
 work=$(mktemp -d)
 trap 'kill -9 $(jobs -p) 2>/dev/null || true; chmod -R u+rwX "$work"; rm -rf "$work"' EXIT
 cd "$work"
-export LC_ALL=C
+export LC_ALL=C XDG_CONFIG_HOME="$work/config"
+key_file=config/kel-dedup/auth.key
 
 fail() {
   echo "FAILED: $*" >&2
@@ -282,7 +283,8 @@ RefusesAWrongKey() {
   [ "$(stat -c %a repo/key)" = 600 ] || fail 'others may read the key'
   ! grep -rqF 'small1' repo || fail 'a name can be read in the repository'
   cp repo/key key
-  for wrong in "$(cat other/key)" "$(tr '0-9a' '1-9a0' <key)" "$(head -c 63 key)" 'no key'; do
+  cut=$(head -c 165 key) digits=$(head -c 64 other/key | tr X 0)
+  for wrong in "$(cat other/key)" "$(tr 0-9A 1-9A0 <key)" "X10000${cut:6}0" "$cut" "$digits" ''; do
     echo "$wrong" >repo/key
     for command in 'verify repo' 'list repo' 'restore repo 1 out' 'store repo tree'; do
       # shellcheck disable=SC2086
@@ -292,10 +294,50 @@ RefusesAWrongKey() {
   rm repo/key && expect 1 store repo tree && says 'repo/key'
   [ ! -e out ] && [ ! -e repo/key ] || fail 'something was made without the key'
   cp key repo/key && chmod 600 repo/key && expect 0 verify repo
-  chmod 644 repo/key && expect 0 list repo && says 'others may read'
   sed -i 's/^Version=.*/Version=9/' repo/settings.ini
   expect 1 verify repo && says 'reads version 1' && expect 1 store repo tree
   rm repo/settings.ini && expect 1 store repo tree && says 'settings.ini is missing'
+}
+
+NeedsItsKeyFile() {
+  make_data_tree
+  expect 1 --key-file=repo/key.kf store repo tree && says 'lies in the repository'
+  expect 1 --key-file=nowhere/key.kf store repo tree && says 'could not make the key file'
+  HOME='' XDG_CONFIG_HOME='' expect 1 store repo tree && says 'name one with --key-file'
+  # Killed at any moment, a first store leaves a whole key file or none.
+  for _ in $(seq $((scale * 2))); do
+    rm -rf repo config
+    "$program" store repo tree >/dev/null 2>&1 &
+    sleep "0.0$(printf %02d $((RANDOM % 40)))"
+    kill -9 $! 2>/dev/null || true
+    wait $! 2>/dev/null || true
+    expect 0 store repo tree
+  done
+  [ "$(stat -c %a $key_file)" = 600 ] && [ "$(stat -c %a config/kel-dedup)" = 700 ] ||
+    fail 'others may read the key file'
+  cp $key_file whole && expect 0 --key-file=mine.kf store mine tree && says 'made the key file mine.kf'
+  printf '[Repository]\nKeyFile = mine.kf\n' >conf && expect 0 -c conf verify mine
+  ! "$program" list mine 2>&1 | grep -qF "$(sed -n 3p whole)" || fail 'the key was printed'
+  ! "$program" list mine >log 2>&1 && says 'does not open mine/key' || fail 'a wrong key file opened it'
+
+  for damaged in 's/^version=0/version=1/' '3s/^..../AAAA/' '4d' 'd'; do
+    sed "$damaged" whole >$key_file
+    for command in 'verify repo' 'restore repo 1 out' 'store repo tree'; do
+      # shellcheck disable=SC2086
+      expect 1 $command && says 'auth.key does not open repo/key'
+    done
+  done
+  cp $key_file damaged && expect 1 store other tree && says 'is no key file' && cmp damaged $key_file
+  rm $key_file && expect 1 store repo tree && says 'could not read the key file' && says --key-file
+  [ ! -e out ] && [ ! -e $key_file ] || fail 'something was made without the key file'
+  # One that somebody else has made: another number, and more keys than one.
+  printf '%s\n' version=7 count=2 "$(printf %032d 7)" other >other.kf
+  printf 'self=%s\n' "$(tr -d '\n' <other.kf | python3 -c 'import sys, zlib
+print(zlib.adler32(sys.stdin.buffer.read()))')" >>other.kf
+  rm -rf other && chmod 644 other.kf && expect 0 -k other.kf store other tree
+  expect 0 -k other.kf verify other
+  says 'others may read other.kf' && [ "$(head -c 6 other/key)" = X70000 ] || fail 'not under its number'
+  cp whole $key_file && expect 0 verify repo && expect 0 restore repo latest out && expect_same tree out
 }
 
 SharesARepository() {
@@ -354,9 +396,8 @@ ReportsWhatItCannotStore() {
 
 TakesOptionsFromFileAndCommandLine() {
   make_data_tree
-  printf '[Repository]\nChunkSize = 64KiB\nCompression = zlib\n[Log]\nFile = file.log\n' >conf
-  expect 0 -c conf --log-level=long store file-repo tree
-  grep -q 'INFO: kel-dedup store of file-repo: done' file.log || fail 'nothing was logged'
+  printf '[Repository]\nChunkSize = 64KiB\nCompression = zlib\n' >conf
+  expect 0 -c conf store file-repo tree
   local large=$(row new) zlib=$(du -k file-repo/containers | cut -f 1)
   expect 0 --config=conf --chunk-size=4KiB --compression=none store repo tree
   local small=$(row new)
@@ -368,11 +409,42 @@ TakesOptionsFromFileAndCommandLine() {
   for repo in file-repo repo; do
     expect 0 verify $repo && expect 0 restore $repo latest $repo.out && expect_same tree $repo.out
   done
-  for refused in --chunk-size=5000 --chunk-size=2MiB --compression=best --log-level=loud --nothing; do
+  for refused in --chunk-size=5000 --chunk-size=2MiB --compression=best --nothing; do
     expect 1 $refused store other tree && [ ! -e other ] || fail "$refused was taken"
   done
   sed -i 's/^ChunkSize=.*/ChunkSize=5KiB/' repo/settings.ini && expect 1 list repo && says 'BadValue'
   expect 1 -c conf --help && says '(default: 64KiB (configuration default))'
+}
+
+LogsToFilesThatRotate() {
+  # A line with the name of each pipe, of some 2,000 bytes: over 1 MiB in each store.
+  local folder=tree second i
+  for i in $(seq 7); do folder+=/$(printf '%0250d' "$i"); done
+  mkdir -p "$folder" logs && (cd "$folder" && mkfifo $(seq -f 'pipe%g.' 100 699))
+  printf '[Logging]\nLogPath = logs\nMaxSize = 1MiB\nRetention = 3\n' >conf
+  touch logs/kel-dedup.log.20010101000000 logs/kel-dedup.log.mine logs/kel-dedup.log.20010101000001
+  touch -d '4 days ago' logs/kel-dedup.log.20010101000000 logs/kel-dedup.log.mine
+  for _ in 1 2 3; do
+    expect 0 -c conf store repo tree && says 'is neither file' && ! grep -q Info: log || fail 'it talks'
+    # Files that are moved away within one second have one name.
+    second=$(date +%s)
+    until [ "$(date +%s)" -gt "$second" ]; do sleep 0.05; done
+  done
+  : >log
+  [ "$(ls logs | wc -l)" -ge 5 ] || fail 'the log was not rotated'
+  [ "$(stat -c %s logs/* | sort -n | tail -n 1)" -lt $((1048576 + 4096)) ] || fail 'a log is too large'
+  [ "$(cat logs/* | grep -c ' INFO: .*kel-dedup store of repo: done$')" -eq 3 ] || fail 'no line of the end'
+  cat logs/* | grep -o 'pipe[0-9]*\. is neither file' | sort | uniq -c | awk '$1 != 3' >log
+  [ "$(cat logs/* | grep -c 'is neither file')" -eq 1800 ] && [ ! -s log ] || fail 'lines were lost'
+  [ ! -e logs/kel-dedup.log.20010101000000 ] && [ -e logs/kel-dedup.log.mine ] &&
+    [ -e logs/kel-dedup.log.20010101000001 ] || fail 'not the old files were removed'
+  # Without a file, and what cannot be.
+  printf '[Repository]\nChunkSize = 16KiB\n' >conf
+  expect 0 -c conf list repo && ! grep -q Info: log || fail 'it talks'
+  printf '[Logging]\nLogging = long\n' >conf && expect 0 -c conf list repo && says 'Info: kel-dedup list'
+  for wrong in Logging=loud MaxSize=5KiB MaxSize=large LogPath=conf; do
+    printf '[Logging]\n%s\n' $wrong >conf && expect 1 -c conf list repo && says BadValue
+  done
 }
 
 ShowsProgressOnTerminals() {

@@ -7,6 +7,7 @@ work=$(mktemp -d)
 trap '[ ! -s "$work/kel-lineserver.pid" ] || kill -9 "$(cat "$work/kel-lineserver.pid")" || true
       rm -rf "$work"' EXIT
 cd "$work"
+export XDG_CONFIG_HOME=$work  # of the key file
 pid=$work/kel-lineserver.pid log=$work/log/lineserver.log
 
 fail() {

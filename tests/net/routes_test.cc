@@ -1,7 +1,13 @@
 #include <kel/iprange.h>
+#include <kel/net.h>
 
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <future>
+#include <thread>
 
 #include "support/own_network.h"
 
@@ -81,6 +87,70 @@ TEST_F(Routes, ResetMovesSharedDefaultsAndMakesOwnRoutesAnewAsTheyWere) {
   for (const char* name : {"eth2p", "eth7"}) EXPECT_EQ(NetResetRoutingtable(name), 0);
   EXPECT_EQ(way("8.8.8.8"), "eth1 10.0.0.254\n");
   EXPECT_THAT(reports.take(), IsEmpty());
+}
+
+/// A host behind a router, which eth1 alone leads to. It closes its one peer.
+class FarHost {
+ public:
+  explicit FarHost(const OwnNetwork& near) {
+    std::promise<pid_t> there;
+    std::promise<void> connected;
+    std::promise<NetContext*> listening;
+    thread_ = std::thread([&] {
+      const OwnNetwork far;
+      there.set_value(::gettid());
+      connected.get_future().wait();
+      for (const char* line : {"link set eth1p up", "addr add 10.0.0.254/24 dev eth1p",
+                               "addr add 203.0.113.7/32 dev lo"})
+        far.ip(line);
+      NetContext* const service = NetSetupLocal(0);
+      listening.set_value(service);
+      ::close(::accept(service->listenSockets[0], nullptr, nullptr));
+      NetClose(service);
+      closed_.set_value();
+      end_.get_future().wait();  // the interface goes with the network
+    });
+    near.ip("link set eth1p netns " + std::to_string(there.get_future().get()));
+    connected.set_value();
+    port_ = listening.get_future().get()->port;
+  }
+  ~FarHost() {
+    end_.set_value();
+    thread_.join();
+  }
+  /// Until nothing listens any more.
+  void wait() { closed_.get_future().wait(); }
+  std::string port() const { return std::to_string(port_); }
+
+ private:
+  std::promise<void> closed_;
+  std::promise<void> end_;
+  uint16_t port_ = 0;
+  std::thread thread_;
+};
+
+TEST_F(Routes, ConnectionsFromAnInterfaceTakeAHostRouteThatAFailureTakesBack) {
+  FarHost host(network);
+  NetConnectOptions options = {};
+  std::strcpy(options.localInterface, "10.0.0.2");
+  std::strcpy(options.routeTarget, kHost);
+  std::strcpy(options.routeInterfaceAddress, "10.0.0.2");
+  std::strcpy(options.routeInterfaceName, "eth1");
+  const auto connect = [&] {
+    tq_addrinfo* list = nullptr;
+    EXPECT_EQ(tq_getaddrinfo(kHost, host.port().c_str(), nullptr, &list), 0);
+    const int sock = NetConnectByAddr(list, &options);
+    const int code = errno;
+    tq_freeaddrinfo(list);
+    ::close(sock);
+    return sock >= 0 ? 0 : code;
+  };
+  const std::string before = table();
+  EXPECT_EQ(connect(), 0);
+  EXPECT_EQ(way(kHost), "eth1 10.0.0.254\n");
+  host.wait();
+  EXPECT_EQ(connect(), ECONNREFUSED) << "it has gone, and the route still led there";
+  EXPECT_EQ(table(), before);
 }
 
 using Receive = Hooked<"recvfrom", ssize_t(int, void*, size_t, int, sockaddr*, socklen_t*)>;

@@ -11,6 +11,6 @@ int store(const std::string& repository, const std::string& source, const Option
 int restore(const std::string& repository, const std::string& snapshot, const std::string& target,
             const Options& options);
 int verify(const std::string& repository, const Options& options);
-int list(const std::string& repository);
+int list(const std::string& repository, const Options& options);
 
 }  // namespace dedup

@@ -55,7 +55,7 @@ int run(const std::vector<std::string>& words, const dedup::Options& options) {
   if (command == "restore" && count == 4)
     return dedup::restore(words[1], words[2], words[3], options);
   if (command == "verify" && count == 2) return dedup::verify(words[1], options);
-  if (command == "list" && count == 2) return dedup::list(words[1]);
+  if (command == "list" && count == 2) return dedup::list(words[1], options);
   ShowUsage(arguments, usage);
   return 1;
 }

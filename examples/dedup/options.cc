@@ -3,6 +3,7 @@
 #include <kel/logging.h>
 #include <kel/options.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string_view>
 
@@ -17,6 +18,7 @@ char* compression;
 char* log_file;
 char* log_level;
 bool quiet;
+bool json;
 
 constexpr char kMaking[] = "Making a repository";
 constexpr char kReports[] = "Reports";
@@ -92,9 +94,19 @@ opt_t quiet_option = {.group = kReports,
                       .flags = 0,
                       .value = &quiet,
                       .help = "No line of progress on a terminal."};
-opt_t* table[] = {&config_option,   &chunk_size_option, &compression_option,
-                  &log_file_option, &log_level_option,  &quiet_option,
-                  nullptr};
+opt_t json_option = {.group = "Listing",
+                     .short_name = 0,
+                     .long_name = "json",
+                     .type = OPT_SET,
+                     .metavar = nullptr,
+                     .default_value = nullptr,
+                     .ini_section = nullptr,
+                     .ini_key = nullptr,
+                     .flags = 0,
+                     .value = &json,
+                     .help = "Snapshots are listed as JSON, for other programs."};
+opt_t* table[] = {&config_option,    &chunk_size_option, &compression_option, &log_file_option,
+                  &log_level_option, &quiet_option,      &json_option,        nullptr};
 
 /// The flags word of a level's name; -1 after a report.
 int find_log_flags(std::string_view name) {
@@ -120,14 +132,37 @@ bool take_values(Options& options) {
   const auto known_compression = find_compression(compression);
   const int flags = find_log_flags(log_level);
   if (!known_compression || flags < 0) return false;
-  options = {{chunk_size, *known_compression}, quiet};
+  options = {{chunk_size, *known_compression}, quiet, json};
   kelLogSet(log_file, log_file == nullptr ? flags : flags | KEL_LOG_DATE, 0);
+  return true;
+}
+
+/// Moves the options in front of the words, in which they may stand anywhere before "--". False
+/// after a report.
+bool move_options_forward(int argc, char** argv) {
+  int front = 1;
+  for (int at = 1; at < argc;) {
+    opt_t* option;
+    const char* text;
+    const int count = opt_identify(table, argc - at, argv + at, &option, &text);
+    if (count == -3) {  // "--" goes before the words too
+      std::rotate(argv + front, argv + at, argv + at + 1);
+      return true;
+    }
+    if (count == 0 || count == -1) return false;
+    if (count > 0) {
+      std::rotate(argv + front, argv + at, argv + at + count);
+      front += count;
+    }
+    at += std::max(count, 1);
+  }
   return true;
 }
 
 }  // namespace
 
 int read_options(int argc, char** argv, Options& options) {
+  if (!move_options_forward(argc, argv)) return -1;
   int first = opt_parse(table, argc, argv);
   if (first >= 0 && !take_values(options)) first = -1;
   opt_free(table);

@@ -10,10 +10,11 @@ namespace dedup {
 struct Options {
   Settings settings;  ///< for a repository that is made
   bool quiet = false;
+  bool json = false;  ///< list prints JSON
 };
 
-/// Reads the options in front of the command, and sets up the log as they say. The index of the
-/// first argument behind them, or -1 after a report.
+/// Reads the options, moves them in front of the command, and sets up the log as they say. The
+/// index of the first argument behind them, or -1 after a report.
 int read_options(int argc, char** argv, Options& options);
 
 /// Prints a usage line and the options, with the defaults that apply to this command line.

@@ -109,7 +109,7 @@ void Verify::check_snapshot(const NumberedFile& file) {
       ++broken_files_;
     }
   }
-  if (item) return;
+  if (item && catalogue.check_database()) return;
   progress_.clear();
   ErrorA(EIO, "snapshot %s %s; move it away and store its source again", file.path.c_str(),
          catalogue.problem().c_str());

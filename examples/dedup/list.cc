@@ -9,6 +9,7 @@
 
 #include "catalogue.h"
 #include "commands.h"
+#include "remote.h"
 #include "repository.h"
 #include "text.h"
 
@@ -28,10 +29,12 @@ void print_row(uint32_t number, const Summary& summary) {
 }  // namespace
 
 int list(const std::string& path, const Options& options) {
+  const Fetched fetched = fetch(path, options);
   Repository repository(path);
   std::vector<NumberedFile> files;
-  if (!repository.open() || !repository.list_snapshots(files)) return 1;
-  int status = 0;
+  if (fetched == Fetched::kFailed || !repository.open() || !repository.list_snapshots(files))
+    return 1;
+  int status = fetched == Fetched::kAll ? 0 : 1;
   json_t* snapshots = json_array();
   JsonObject all;
   all.SetNew("snapshots", snapshots);

@@ -19,9 +19,14 @@ char* log_file;
 char* log_level;
 bool quiet;
 bool json;
+char* remote_url;
+char* remote_certificate;
+char* remote_key;
+char* remote_authority;
 
 constexpr char kMaking[] = "Making a repository";
 constexpr char kReports[] = "Reports";
+constexpr char kRemote[] = "A copy on a server";
 
 opt_t config_option = {.group = "General",
                        .short_name = 'c',
@@ -105,8 +110,58 @@ opt_t json_option = {.group = "Listing",
                      .flags = 0,
                      .value = &json,
                      .help = "Snapshots are listed as JSON, for other programs."};
-opt_t* table[] = {&config_option,    &chunk_size_option, &compression_option, &log_file_option,
-                  &log_level_option, &quiet_option,      &json_option,        nullptr};
+opt_t remote_url_option = {.group = kRemote,
+                           .short_name = 0,
+                           .long_name = "remote",
+                           .type = OPT_TEXT,
+                           .metavar = "URL",
+                           .default_value = nullptr,
+                           .ini_section = "Remote",
+                           .ini_key = "URL",
+                           .flags = 0,
+                           .value = &remote_url,
+                           .help =
+                               "The folder https://HOST/... of a copy: store brings it up to date, "
+                               "the others fetch from it what REPO is missing."};
+opt_t remote_certificate_option = {.group = kRemote,
+                                   .short_name = 0,
+                                   .long_name = "remote-cert",
+                                   .type = OPT_PATH,
+                                   .metavar = nullptr,
+                                   .default_value = nullptr,
+                                   .ini_section = "Remote",
+                                   .ini_key = "Certificate",
+                                   .flags = 0,
+                                   .value = &remote_certificate,
+                                   .help = "The client certificate, a PEM file."};
+opt_t remote_key_option = {.group = kRemote,
+                           .short_name = 0,
+                           .long_name = "remote-key",
+                           .type = OPT_PATH,
+                           .metavar = nullptr,
+                           .default_value = nullptr,
+                           .ini_section = "Remote",
+                           .ini_key = "Key",
+                           .flags = 0,
+                           .value = &remote_key,
+                           .help = "Its key."};
+opt_t remote_authority_option = {.group = kRemote,
+                                 .short_name = 0,
+                                 .long_name = "remote-ca",
+                                 .type = OPT_PATH,
+                                 .metavar = nullptr,
+                                 .default_value = nullptr,
+                                 .ini_section = "Remote",
+                                 .ini_key = "CA",
+                                 .flags = 0,
+                                 .value = &remote_authority,
+                                 .help =
+                                     "The certificates that the server's is checked with, instead "
+                                     "of those that the system trusts."};
+opt_t* table[] = {&config_option,     &chunk_size_option,       &compression_option,
+                  &log_file_option,   &log_level_option,        &quiet_option,
+                  &json_option,       &remote_url_option,       &remote_certificate_option,
+                  &remote_key_option, &remote_authority_option, nullptr};
 
 /// The flags word of a level's name; -1 after a report.
 int find_log_flags(std::string_view name) {
@@ -132,7 +187,12 @@ bool take_values(Options& options) {
   const auto known_compression = find_compression(compression);
   const int flags = find_log_flags(log_level);
   if (!known_compression || flags < 0) return false;
-  options = {{chunk_size, *known_compression}, quiet, json};
+  const auto text = [](const char* value) { return std::string(value == nullptr ? "" : value); };
+  options = {
+      {chunk_size, *known_compression},
+      quiet,
+      json,
+      {text(remote_url), text(remote_certificate), text(remote_key), text(remote_authority)}};
   kelLogSet(log_file, log_file == nullptr ? flags : flags | KEL_LOG_DATE, 0);
   return true;
 }

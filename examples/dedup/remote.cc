@@ -67,7 +67,9 @@ class Push {
   Progress progress_;
   std::string body_;
   bool has_manifest_ = false;
-  bool may_be_there_ = true;  ///< a file that the manifest does not name
+  /// Whether a container may be there that the manifest does not name. It begins with the seal of
+  /// its table, so that the first bytes tell it from any other.
+  bool may_be_there_ = true;
   uint64_t files_ = 0;
   uint64_t bytes_ = 0;
 };
@@ -125,12 +127,13 @@ bool Push::push_file(const std::string& name) {
   if (!read_file(repository_.path() + "/" + name, body_)) return false;
   const Manifest::File file{body_.size(), fingerprint_of(bytes_of(body_))};
   bool is_there = false;
-  if (may_be_there_) {
+  if (may_be_there_ && Repository::copied_kind(name) == 0) {
     // From a push that was interrupted.
     uint64_t size = 0;
-    const auto found = remote_.find(name, size);
+    const auto found = remote_.get_start(name, size);
     if (found == RemoteFolder::Found::kFailed) return false;
-    is_there = found == RemoteFolder::Found::kYes && size == file.size;
+    is_there = found == RemoteFolder::Found::kYes && size == file.size &&
+               body_.starts_with(remote_.text());
     // Pushes keep to their order: behind one that is missing there is none. Without a manifest
     // somebody may have taken single files away.
     may_be_there_ = is_there || !has_manifest_;

@@ -41,19 +41,18 @@ const char* advice_on(long status) {
   }
 }
 
-/// The size in the lines of a response's head.
-std::optional<uint64_t> content_length(std::string_view head) {
-  constexpr std::string_view kName = "Content-Length:";
-  std::optional<uint64_t> size;
+/// The size of the whole file, from the head of a response that has part of it: behind the slash of
+/// "Content-Range: bytes 0-63/1328".
+uint64_t whole_size(std::string_view head) {
+  constexpr std::string_view kName = "content-range:";
+  uint64_t size = 0;
   while (!head.empty()) {
     const std::string_view line = head.substr(0, head.find('\n'));
     head.remove_prefix(std::min(line.size() + 1, head.size()));
-    if (line.size() <= kName.size() || ::strncasecmp(line.data(), kName.data(), kName.size()) != 0)
-      continue;
-    const std::string_view digits = line.substr(line.find_first_not_of(' ', kName.size()));
-    uint64_t value = 0;
-    if (std::from_chars(digits.data(), digits.data() + digits.size(), value).ec == std::errc())
-      size = value;
+    const size_t slash = line.rfind('/');
+    if (slash != std::string_view::npos && line.size() > kName.size() &&
+        ::strncasecmp(line.data(), kName.data(), kName.size()) == 0)
+      std::from_chars(line.data() + slash + 1, line.data() + line.size(), size);
   }
   return size;
 }
@@ -69,9 +68,11 @@ bool RemoteFolder::open() {
 }
 
 /// The status of the response; 0, after a report, when there is none.
-long RemoteFolder::ask(const std::string& name, CurlRequest::HttpMethod method) {
+long RemoteFolder::ask(const std::string& name, CurlRequest::HttpMethod method,
+                       const char* header) {
   int code = request_.start(url_of(name), method, address_.certificate, address_.key,
                             address_.authority, kConnectTimeout, kTimeout);
+  if (header != nullptr && !request_.headers(header)) return 0;
   if (code == 0) code = request_.perform();
   if (code == 0) return request_.getHttpRespCode();
   ErrorA(code,
@@ -94,20 +95,19 @@ RemoteFolder::Found RemoteFolder::found(const std::string& name, long status) co
 }
 
 RemoteFolder::Found RemoteFolder::get(const std::string& name) {
-  return found(name, ask(name, CurlRequest::GET));
+  return found(name, ask(name, CurlRequest::GET, nullptr));
 }
 
-RemoteFolder::Found RemoteFolder::find(const std::string& name, uint64_t& size) {
-  const Found result = found(name, ask(name, CurlRequest::HEAD));
-  const auto length = content_length(request_.getHeader());
-  if (result == Found::kYes && !length) return Found::kNo;
-  size = length.value_or(0);
-  return result;
+RemoteFolder::Found RemoteFolder::get_start(const std::string& name, uint64_t& size) {
+  const long status = ask(name, CurlRequest::GET, "Range: bytes=0-63");
+  // Servers may send all of it instead.
+  size = status == 206 ? whole_size(request_.getHeader()) : body().size();
+  return status == 206 ? Found::kYes : found(name, status);
 }
 
 bool RemoteFolder::put(const std::string& name, const std::string& body) {
   request_.putData(body.data(), body.size());
-  const long status = ask(name, CurlRequest::PUT);
+  const long status = ask(name, CurlRequest::PUT, nullptr);
   if (status >= 200 && status < 300) return true;
   report(name, status);
   return false;

@@ -1,4 +1,4 @@
-// A folder on an HTTPS server that takes GET, HEAD and PUT, such as nginx with WebDAV. The server
+// A folder on an HTTPS server that takes GET and PUT, such as nginx with WebDAV. The server
 // is always verified. Bodies are whole in memory.
 #pragma once
 
@@ -28,15 +28,16 @@ class RemoteFolder {
   Found get(const std::string& name);
   /// Writes a file, over the one that is there.
   bool put(const std::string& name, const std::string& body);
-  /// `size` is that of a file, without fetching it.
-  Found find(const std::string& name, uint64_t& size);
+  /// Fetches the first bytes of a file, 64 if it has as many; `size` is that of all of it.
+  Found get_start(const std::string& name, uint64_t& size);
 
   /// Valid until the next request.
-  Bytes body() const { return bytes_of(request_.getDataString()); }
+  Bytes body() const { return bytes_of(text()); }
+  const std::string& text() const { return request_.getDataString(); }
   std::string url_of(const std::string& name) const { return address_.url + "/" + name; }
 
  private:
-  long ask(const std::string& name, CurlRequest::HttpMethod method);
+  long ask(const std::string& name, CurlRequest::HttpMethod method, const char* header);
   void report(const std::string& name, long status) const;
   Found found(const std::string& name, long status) const;
 

@@ -3,7 +3,6 @@
 
 #include <kel/base64.h>
 
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>

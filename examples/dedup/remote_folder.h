@@ -5,7 +5,6 @@
 #include <kel/http.h>
 
 #include <cstdint>
-#include <optional>
 #include <string>
 
 #include "base64.h"

@@ -51,6 +51,9 @@ echo "== Store it again: every chunk is known, nothing is added"
 echo
 echo "== The snapshots in the repository"
 "$dedup" list "$work/repo"
+echo "-- and as JSON, through jq:"
+"$dedup" list "$work/repo" --json |
+  jq -r '.snapshots[] | "snapshot \(.number): \(.files) files, \(.bytes) bytes, \(.new_bytes) of them new"'
 echo
 echo "== Verify: read everything, compute every fingerprint anew"
 "$dedup" verify "$work/repo"

@@ -1,5 +1,7 @@
 #include "catalogue.h"
 
+#include "base64.h"
+
 namespace dedup {
 namespace {
 
@@ -44,13 +46,8 @@ bool CatalogueWriter::flush() {
 
 bool CatalogueWriter::commit(const Summary& summary, const std::string& directory) {
   if (!flush()) return false;
-  records_.number(summary.time);
-  records_.text(summary.source);
-  for (const uint64_t value :
-       {summary.files, summary.folders, summary.links, summary.bytes, summary.chunks,
-        summary.new_chunks, summary.new_bytes, summary.stored_bytes, summary.problems})
-    records_.number(value);
-  return file_.append(Tag::kSummary, records_.bytes()) && file_.commit(directory);
+  const std::string text = summary_json(summary).DumpToString(0);
+  return !text.empty() && file_.append(Tag::kSummary, bytes_of(text)) && file_.commit(directory);
 }
 
 std::nullopt_t CatalogueReader::damaged() {
@@ -62,15 +59,15 @@ std::optional<Item> CatalogueReader::next() {
   // What follows damage would come without what it belongs to.
   if (!problem().empty()) return std::nullopt;
   while (records_.left() == 0) {
-    const auto tag = file_.read_any();
+    const auto tag = file_.read();
     if (!tag) return std::nullopt;
-    records_ = RecordReader(file_.content());
     if (*tag == Tag::kSummary) {
-      if (in_file_ || !parse_summary()) return damaged();
+      if (in_file_ || !parse_summary(file_.content(), summary)) return damaged();
       if (!file_.at_end()) return std::nullopt;
       return Item::kEnd;
     }
     if (*tag != Tag::kEntries) return damaged();
+    records_ = RecordReader(file_.content());
   }
   const auto item = static_cast<Item>(records_.number<uint8_t>());
   const bool of_file = item == Item::kChunk || item == Item::kFileEnd;
@@ -106,20 +103,10 @@ bool CatalogueReader::parse_item(Item item) {
   return records_.good();
 }
 
-bool CatalogueReader::parse_summary() {
-  summary.time = records_.number<int64_t>();
-  summary.source = records_.text();
-  for (uint64_t* value :
-       {&summary.files, &summary.folders, &summary.links, &summary.bytes, &summary.chunks,
-        &summary.new_chunks, &summary.new_bytes, &summary.stored_bytes, &summary.problems})
-    *value = records_.number<uint64_t>();
-  return records_.good() && records_.left() == 0;
-}
-
 bool CatalogueReader::read_summary() {
-  if (!file_.go_to_last() || !file_.read(Tag::kSummary)) return false;
-  records_ = RecordReader(file_.content());
-  if (parse_summary()) return true;
+  const auto tag = file_.read_last();
+  if (!tag) return false;
+  if (*tag == Tag::kSummary && parse_summary(file_.content(), summary)) return true;
   damaged();
   return false;
 }

@@ -6,7 +6,8 @@
 #include <string>
 
 #include "records.h"
-#include "segment_file.h"
+#include "segment_rows.h"
+#include "summary.h"
 
 namespace dedup {
 
@@ -30,21 +31,6 @@ struct Entry {
   std::string target;  ///< of a symbolic link
 };
 
-/// Totals of a snapshot.
-struct Summary {
-  int64_t time = 0;  ///< seconds since 1970
-  std::string source;
-  uint64_t files = 0;
-  uint64_t folders = 0;
-  uint64_t links = 0;
-  uint64_t bytes = 0;  ///< in files
-  uint64_t chunks = 0;
-  uint64_t new_chunks = 0;
-  uint64_t new_bytes = 0;     ///< in new chunks, before compression
-  uint64_t stored_bytes = 0;  ///< in new containers
-  uint64_t problems = 0;      ///< entries that could not be read
-};
-
 class CatalogueWriter {
  public:
   CatalogueWriter(const KelKey& key, Compression compression) : file_(key, compression) {}
@@ -62,7 +48,7 @@ class CatalogueWriter {
   bool flush_when_full();
   bool flush();
 
-  SegmentWriter file_;
+  RowWriter file_;
   RecordWriter records_;
 };
 
@@ -78,6 +64,8 @@ class CatalogueReader {
   std::optional<Item> next();
   /// The summary alone, without reading the entries.
   bool read_summary();
+  /// Checks what next() does not need: the file as a database.
+  bool check_database() { return file_.check(); }
   const std::string& problem() const { return problem_.empty() ? file_.problem() : problem_; }
 
   Entry entry;             ///< after kFolder, kFile, kLink
@@ -90,9 +78,8 @@ class CatalogueReader {
  private:
   std::nullopt_t damaged();
   bool parse_item(Item item);
-  bool parse_summary();
 
-  SegmentReader file_;
+  RowReader file_;
   RecordReader records_;
   std::string problem_;
   bool in_file_ = false;

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <initializer_list>
 #include <span>
+#include <string>
 
 namespace dedup {
 
@@ -32,5 +33,12 @@ inline Fingerprint fingerprint_of(std::initializer_list<Bytes> pieces) {
 }
 
 inline Fingerprint fingerprint_of(Bytes data) { return fingerprint_of({data}); }
+
+/// 64 hexadecimal digits.
+inline std::string text_of(const Fingerprint& fingerprint) {
+  char text[65];
+  SHA256DigestToString_r(fingerprint.bytes.data(), text, sizeof text);
+  return text;
+}
 
 }  // namespace dedup

@@ -3,6 +3,7 @@
 #include <kel/logging.h>
 #include <kel/options.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string>
 
@@ -19,8 +20,14 @@ uint32_t chunk_size;
 char* compression;
 char* key_file;
 bool quiet;
+bool json;
+char* remote_url;
+char* remote_certificate;
+char* remote_key;
+char* remote_authority;
 
 constexpr char kMaking[] = "Making a repository";
+constexpr char kRemote[] = "A copy on a server";
 
 opt_t config_option = {.group = "General",
                        .short_name = 'c',
@@ -84,8 +91,76 @@ opt_t quiet_option = {.group = "General",
                       .flags = 0,
                       .value = &quiet,
                       .help = "No line of progress on a terminal."};
-opt_t* table[] = {&config_option,     &key_file_option,    &quiet_option,
-                  &chunk_size_option, &compression_option, nullptr};
+opt_t json_option = {.group = "Listing",
+                     .short_name = 0,
+                     .long_name = "json",
+                     .type = OPT_SET,
+                     .metavar = nullptr,
+                     .default_value = nullptr,
+                     .ini_section = nullptr,
+                     .ini_key = nullptr,
+                     .flags = 0,
+                     .value = &json,
+                     .help = "Snapshots are listed as JSON, for other programs."};
+opt_t remote_url_option = {.group = kRemote,
+                           .short_name = 0,
+                           .long_name = "remote",
+                           .type = OPT_TEXT,
+                           .metavar = "URL",
+                           .default_value = nullptr,
+                           .ini_section = "Remote",
+                           .ini_key = "URL",
+                           .flags = 0,
+                           .value = &remote_url,
+                           .help =
+                               "The folder https://HOST/... of a copy: store brings it up to date, "
+                               "the others fetch from it what REPO is missing."};
+opt_t remote_certificate_option = {.group = kRemote,
+                                   .short_name = 0,
+                                   .long_name = "remote-cert",
+                                   .type = OPT_PATH,
+                                   .metavar = nullptr,
+                                   .default_value = nullptr,
+                                   .ini_section = "Remote",
+                                   .ini_key = "Certificate",
+                                   .flags = 0,
+                                   .value = &remote_certificate,
+                                   .help = "The client certificate, a PEM file."};
+opt_t remote_key_option = {.group = kRemote,
+                           .short_name = 0,
+                           .long_name = "remote-key",
+                           .type = OPT_PATH,
+                           .metavar = nullptr,
+                           .default_value = nullptr,
+                           .ini_section = "Remote",
+                           .ini_key = "Key",
+                           .flags = 0,
+                           .value = &remote_key,
+                           .help = "Its key."};
+opt_t remote_authority_option = {.group = kRemote,
+                                 .short_name = 0,
+                                 .long_name = "remote-ca",
+                                 .type = OPT_PATH,
+                                 .metavar = nullptr,
+                                 .default_value = nullptr,
+                                 .ini_section = "Remote",
+                                 .ini_key = "CA",
+                                 .flags = 0,
+                                 .value = &remote_authority,
+                                 .help =
+                                     "The certificates that the server's is checked with, instead "
+                                     "of those that the system trusts."};
+opt_t* table[] = {&config_option,
+                  &key_file_option,
+                  &chunk_size_option,
+                  &compression_option,
+                  &quiet_option,
+                  &json_option,
+                  &remote_url_option,
+                  &remote_certificate_option,
+                  &remote_key_option,
+                  &remote_authority_option,
+                  nullptr};
 
 /// The default that depends on the user, whose text the table refers to.
 void set_defaults() {
@@ -106,14 +181,43 @@ bool take_values(Options& options) {
     ErrorA(ENOENT, "there is no HOME to find the key file in; name one with --key-file");
     return false;
   }
-  options = {{chunk_size, *known_compression}, key_file, quiet};
+  const auto text = [](const char* value) { return std::string(value == nullptr ? "" : value); };
+  options = {
+      {chunk_size, *known_compression},
+      key_file,
+      quiet,
+      json,
+      {text(remote_url), text(remote_certificate), text(remote_key), text(remote_authority)}};
   return set_up_log(config);
+}
+
+/// Moves the options in front of the words, in which they may stand anywhere before "--". False
+/// after a report.
+bool move_options_forward(int argc, char** argv) {
+  int front = 1;
+  for (int at = 1; at < argc;) {
+    opt_t* option;
+    const char* text;
+    const int count = opt_identify(table, argc - at, argv + at, &option, &text);
+    if (count == -3) {  // "--" goes before the words too
+      std::rotate(argv + front, argv + at, argv + at + 1);
+      return true;
+    }
+    if (count == 0 || count == -1) return false;
+    if (count > 0) {
+      std::rotate(argv + front, argv + at, argv + at + count);
+      front += count;
+    }
+    at += std::max(count, 1);
+  }
+  return true;
 }
 
 }  // namespace
 
 int read_options(int argc, char** argv, Options& options) {
   set_defaults();
+  if (!move_options_forward(argc, argv)) return -1;
   int first = opt_parse(table, argc, argv);
   if (first >= 0 && !take_values(options)) first = -1;
   opt_free(table);

@@ -35,15 +35,11 @@ namespace {
 constexpr char kSettings[] = "settings.ini";
 constexpr const char* kFolders[] = {"containers", "snapshots", "tmp"};
 constexpr const char* kFiles[] = {kSettings, "index", "key", "last-container", "lock"};
+constexpr char kContainers[] = "containers/";
+constexpr char kSnapshots[] = "snapshots/";
 constexpr char kContainerSuffix[] = ".kdc";
 constexpr char kSnapshotSuffix[] = ".kds";
 constexpr size_t kDigits = 8;
-
-std::string text_of(const Fingerprint& fingerprint) {
-  char text[65];
-  SHA256DigestToString_r(fingerprint.bytes.data(), text, sizeof text);
-  return text;
-}
 
 /// Tells one key from another, and nothing about it.
 std::string id_of(const KelKey& key) {
@@ -113,6 +109,30 @@ bool Repository::list_containers(std::vector<NumberedFile>& files) const {
 bool Repository::list_snapshots(std::vector<NumberedFile>& files) const {
   return list_numbered(snapshots(), kSnapshotSuffix, files);
 }
+
+bool Repository::list_copied(std::vector<std::vector<std::string>>& kinds) const {
+  std::vector<NumberedFile> containers;
+  std::vector<NumberedFile> snapshots;
+  if (!list_containers(containers) || !list_snapshots(snapshots)) return false;
+  kinds.assign(kCopiedKinds, {});
+  for (const NumberedFile& file : containers)
+    kinds[0].push_back(kContainers + container_name(file.number));
+  for (const NumberedFile& file : snapshots)
+    kinds[1].push_back(kSnapshots + snapshot_name(file.number));
+  kinds[2].emplace_back(kSettings);
+  return true;
+}
+
+size_t Repository::copied_kind(const std::string& name) {
+  const auto is_in = [&name](const std::string& folder, const char* suffix) {
+    return name.starts_with(folder) && number_of(name.substr(folder.size()), suffix) != 0;
+  };
+  if (is_in(kContainers, kContainerSuffix)) return 0;
+  if (is_in(kSnapshots, kSnapshotSuffix)) return 1;
+  return name == kSettings ? 2 : kCopiedKinds;
+}
+
+std::string Repository::key_id() const { return id_of(key_); }
 
 bool Repository::find_snapshot(const std::string& wanted, NumberedFile& file) const {
   std::vector<NumberedFile> files;
@@ -184,13 +204,7 @@ bool Repository::lock() {
 /// Makes what is missing; the settings come last and say that all the rest is there.
 bool Repository::make(const Settings& wanted) {
   if (::access(settings_path().c_str(), F_OK) == 0) return true;
-  for (const char* folder : kFolders) {
-    const std::string path = path_ + "/" + folder;
-    if (CreateDirA(path.c_str(), 0700) == 0) {
-      ErrorA(errno, "could not make %s: %s", path.c_str(), std::strerror(errno));
-      return false;
-    }
-  }
+  if (!make_folders()) return false;
   std::vector<NumberedFile> files;
   if (!list_containers(files) || !list_snapshots(files)) return false;
   if (!files.empty()) {
@@ -199,6 +213,22 @@ bool Repository::make(const Settings& wanted) {
     return false;
   }
   return make_key() && write_settings_file(wanted);
+}
+
+bool Repository::make_folders() {
+  for (const char* folder : kFolders) {
+    const std::string path = path_ + "/" + folder;
+    if (CreateDirA(path.c_str(), 0700) == 0) {
+      ErrorA(errno, "could not make %s: %s", path.c_str(), std::strerror(errno));
+      return false;
+    }
+  }
+  return true;
+}
+
+bool Repository::open_for_fetch() {
+  const bool is_made = ::access(settings_path().c_str(), F_OK) == 0;
+  return (is_made ? open() : load_key()) && lock() && make_folders() && clean_temporaries();
 }
 
 bool Repository::write_small_file(const std::string& name, const std::string& text) {

@@ -32,9 +32,20 @@ class Repository {
   /// there keeps what it has, which is said when something else than the usual was wanted.
   bool open_for_store(const Settings& wanted);
 
+  /// Takes the lock and makes the folders of a repository of which nothing but the key has to be
+  /// there yet. What is there has to belong to the key.
+  bool open_for_fetch();
+
   /// In the order of their numbers; what is not named like one is ignored.
   bool list_containers(std::vector<NumberedFile>& files) const;
   bool list_snapshots(std::vector<NumberedFile>& files) const;
+
+  /// What a copy needs beside the key, by paths in the repository: containers, snapshots, and what
+  /// makes it a repository. All that comes before a kind has to be there before it appears.
+  static constexpr size_t kCopiedKinds = 3;
+  bool list_copied(std::vector<std::vector<std::string>>& kinds) const;
+  /// The kind of a path; kCopiedKinds for one that is not copied.
+  static size_t copied_kind(const std::string& name);
 
   /// Finds the snapshot "latest" or of a number; false after a report.
   bool find_snapshot(const std::string& wanted, NumberedFile& file) const;
@@ -44,6 +55,8 @@ class Repository {
   std::string temporaries() const { return path_ + "/tmp"; }
   const std::string& path() const { return path_; }
   const KelKey& key() const { return key_; }
+  /// Tells one key from another, and nothing about it.
+  std::string key_id() const;
   const Settings& settings() const { return settings_; }
 
   static std::string container_name(uint32_t number);
@@ -51,6 +64,7 @@ class Repository {
 
  private:
   bool make(const Settings& wanted);
+  bool make_folders();
   bool lock();
   bool load_key();
   bool make_key();

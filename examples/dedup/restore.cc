@@ -19,6 +19,7 @@
 #include "chunk_reader.h"
 #include "commands.h"
 #include "progress.h"
+#include "remote.h"
 #include "text.h"
 #include "walk.h"
 
@@ -241,6 +242,8 @@ bool make_target(const std::string& target) {
 
 int restore(const std::string& path, const std::string& snapshot, const std::string& target,
             const Options& options) {
+  const Fetched fetched = fetch(path, options);
+  if (fetched == Fetched::kFailed) return 1;
   Repository repository(path, options.key_file);
   NumberedFile file;
   // The snapshot before the index: what it needs is then there.
@@ -256,7 +259,7 @@ int restore(const std::string& path, const std::string& snapshot, const std::str
     ErrorA(EIO, "snapshot %s %s; what came behind the damage is not restored", file.path.c_str(),
            catalogue.problem().c_str());
   restoring.print_summary();
-  return whole && restoring.problems() == 0 ? 0 : 1;
+  return whole && restoring.problems() == 0 && fetched == Fetched::kAll ? 0 : 1;
 }
 
 }  // namespace dedup

@@ -4,12 +4,9 @@
 //   segments  u64 size of the stream, u64 size of its payload, the seal, the stream
 //   end       u64 0, u64 0, the seal
 //
-// A payload is a tag (4 bytes) and the content. A seal is the fingerprint of the key, the file's
-// name, the segment's place in it, both sizes and the stream: without the key nobody can make one,
-// so that a reader finds not only damage but also what somebody else has written or moved.
+// The place that a seal binds is the offset in the file.
 #include "segment_file.h"
 
-#include <kel/crypt.h>
 #include <kel/logging.h>
 #include <kel/safeio.h>
 
@@ -19,6 +16,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "publish.h"
 #include "records.h"
 
 namespace dedup {
@@ -26,31 +24,6 @@ namespace {
 
 constexpr unsigned char kMark[8] = {'K', 'D', 'F', 'I', 'L', 'E', '1', '\n'};
 constexpr uint64_t kFrameSize = 16 + sizeof(Fingerprint);
-constexpr unsigned char kCipher = 3;  // AES-256-CTR
-constexpr int kComplete = 1;          // the result of a finished stream
-
-/// What an archive stream is told about its compression; a reader finds it in the stream.
-unsigned long flags_of(Compression compression) {
-  switch (compression) {
-    case Compression::kZlib:
-      return KEL_CRYPT_ZLIB;
-    case Compression::kNone:
-      return KEL_CRYPT_NO_COMPRESSION;
-    case Compression::kLzo:
-      break;
-  }
-  return 0;
-}
-
-Fingerprint seal_of(const KelKey& key, const std::string& path, uint64_t offset, Bytes stream,
-                    uint64_t payload) {
-  RecordWriter place;
-  place.text(path.substr(path.rfind('/') + 1));
-  place.number(offset);
-  place.number(static_cast<uint64_t>(stream.size()));
-  place.number(payload);
-  return fingerprint_of({{key.Bytes(), KelKey::kLength}, place.bytes(), stream});
-}
 
 }  // namespace
 
@@ -79,33 +52,21 @@ bool SegmentWriter::write(Bytes bytes) {
 }
 
 bool SegmentWriter::append(Tag tag, Bytes content) {
-  RecordWriter head;
-  head.number(static_cast<uint32_t>(tag));
-  payload_.assign(head.bytes().begin(), head.bytes().end());
-  payload_.insert(payload_.end(), content.begin(), content.end());
-  // As much as a stream can have, by the library's own measure.
-  stream_.resize(payload_.size() + payload_.size() / 16 + 128);
-  const long size = dcpEncryptDataToBuffer(key_, kCipher, payload_.data(), payload_.size(),
-                                           stream_.data(), stream_.size(), flags_of(compression_));
-  return size > 0 && write_frame(Bytes(stream_).first(static_cast<size_t>(size)), payload_.size());
+  const auto segment = sealer_.seal(tag, content, path_, size_);
+  return segment && write_segment(*segment);
 }
 
-bool SegmentWriter::write_frame(Bytes stream, uint64_t payload) {
+bool SegmentWriter::write_segment(const Segment& segment) {
   RecordWriter frame;
-  frame.number(static_cast<uint64_t>(stream.size()));
-  frame.number(payload);
-  frame.fingerprint(seal_of(key_, path_, size_, stream, payload));
-  return write(frame.bytes()) && write(stream);
+  frame.number(static_cast<uint64_t>(segment.stream.size()));
+  frame.number(segment.payload);
+  frame.fingerprint(segment.seal);
+  return write(frame.bytes()) && write(segment.stream);
 }
 
 bool SegmentWriter::commit(const std::string& directory) {
-  if (!write_frame({}, 0)) return false;
-  if (safe_fsync(file_.get()) != 0) {
-    ErrorA(errno, "could not flush %s: %s", path_.c_str(), std::strerror(errno));
-    return false;
-  }
-  const std::string final_path = directory + path_.substr(path_.rfind('/'));
-  if (rename_dirfsync(path_.c_str(), final_path.c_str(), directory.c_str(), false) != 0)
+  if (!write_segment({0, seal_of(sealer_.key(), path_, size_, {}, 0), {}}) ||
+      !publish(file_.get(), path_, directory))
     return false;
   file_.close();
   return true;
@@ -113,7 +74,6 @@ bool SegmentWriter::commit(const std::string& directory) {
 
 bool SegmentReader::fails(std::string problem) {
   problem_ = std::move(problem);
-  content_ = {};
   return false;
 }
 
@@ -156,54 +116,21 @@ std::optional<SegmentReader::Frame> SegmentReader::read_frame() {
   return Frame{stream, payload, seal};
 }
 
-/// Reads the stream of a frame and checks the seal over both.
-bool SegmentReader::check_seal(const Frame& frame) {
-  stream_bytes_.resize(frame.stream);
-  if (safe_pread(file_.get(), stream_bytes_.data(), stream_bytes_.size(),
-                 static_cast<off_t>(offset_ + kFrameSize)) !=
-      static_cast<ssize_t>(stream_bytes_.size()))
-    return fails("cannot be read");
-  return frame.seal == seal_of(key_, path_, offset_, stream_bytes_, frame.payload) ||
-         fails("is damaged: a segment does not match its seal");
-}
-
-bool SegmentReader::decode(const Frame& frame) {
-  if (!check_seal(frame)) return false;
-  // Room beyond the payload lets the reader come to the stream's end in one call.
-  payload_.resize(frame.payload + 64);
-  c_stream_t stream = {};
-  int code = dcpDecryptInit(&stream, key_, kCipher);
-  if (code == 0) {
-    stream.next_in = stream_bytes_.data();
-    stream.avail_in = static_cast<unsigned>(stream_bytes_.size());
-    stream.next_out = payload_.data();
-    stream.avail_out = static_cast<unsigned>(payload_.size());
-    code = dcpDecrypt(&stream, 1);
-  }
-  const bool whole = code == kComplete && stream.total_out == frame.payload;
-  if (stream.state != nullptr) dcpDecryptEnd(&stream);
-  if (!whole) return fails("is damaged: a segment cannot be decrypted");
-  payload_.resize(frame.payload);
-  return true;
-}
-
-std::optional<Tag> SegmentReader::read_any() {
-  const auto frame = read_frame();
-  if (!frame) return std::nullopt;
-  if (frame->payload < kTagSize) {
-    fails("is damaged: a segment is missing");
-    return std::nullopt;
-  }
-  if (!decode(*frame)) return std::nullopt;
-  offset_ += kFrameSize + frame->stream;
-  content_ = Bytes(payload_).subspan(kTagSize);
-  return static_cast<Tag>(RecordReader(payload_).number<uint32_t>());
+bool SegmentReader::read_stream(const Frame& frame) {
+  stream_.resize(frame.stream);
+  return safe_pread(file_.get(), stream_.data(), stream_.size(),
+                    static_cast<off_t>(offset_ + kFrameSize)) ==
+             static_cast<ssize_t>(stream_.size()) ||
+         fails("cannot be read");
 }
 
 bool SegmentReader::read(Tag tag) {
-  const auto found = read_any();
-  if (!found) return false;
-  return *found == tag || fails("is damaged: a segment is not what it should be");
+  const auto frame = read_frame();
+  if (!frame || !read_stream(*frame)) return false;
+  if (const char* problem = opener_.open({frame->payload, frame->seal, stream_}, path_, offset_))
+    return fails(problem);
+  offset_ += kFrameSize + frame->stream;
+  return opener_.tag() == tag || fails("is damaged: a segment is not what it should be");
 }
 
 bool SegmentReader::skip() {
@@ -213,24 +140,12 @@ bool SegmentReader::skip() {
   return true;
 }
 
-bool SegmentReader::go_to_last() {
-  uint64_t last = offset_;
-  for (;;) {
-    const auto frame = read_frame();
-    if (!frame) return false;
-    if (frame->stream == 0) break;
-    last = offset_;
-    offset_ += kFrameSize + frame->stream;
-  }
-  offset_ = last;
-  return true;
-}
-
 bool SegmentReader::at_end() {
   const auto frame = read_frame();
   if (!frame) return false;
   if (frame->stream != 0) return fails("is damaged: a segment too many");
-  if (!check_seal(*frame)) return false;
+  if (frame->seal != seal_of(opener_.key(), path_, offset_, {}, 0))
+    return fails("is damaged: a segment does not match its seal");
   return offset_ + kFrameSize == size_ || fails("is damaged: something follows its end");
 }
 

@@ -21,7 +21,7 @@ constexpr char kVersion[] = "Version";
 constexpr char kKey[] = "Key";
 constexpr char kChunkSize[] = "ChunkSize";
 constexpr char kCompression[] = "Compression";
-constexpr int kThisVersion = 1;
+constexpr int kThisVersion = 2;
 
 constexpr struct {
   const char* name;

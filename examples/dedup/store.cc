@@ -18,6 +18,7 @@
 #include "commands.h"
 #include "container.h"
 #include "progress.h"
+#include "remote.h"
 #include "text.h"
 #include "walk.h"
 
@@ -227,7 +228,8 @@ int store(const std::string& path, const std::string& source, const Options& opt
   // The snapshot is safe; without a new index file the next store only has more to read.
   const bool is_indexed = !index.is_update_due() || index.update();
   storing.print_summary(number);
-  return storing.summary().problems == 0 && index.damaged() == 0 && is_indexed ? 0 : 1;
+  const bool is_pushed = push(repository, options);
+  return storing.summary().problems == 0 && index.damaged() == 0 && is_indexed && is_pushed ? 0 : 1;
 }
 
 }  // namespace dedup

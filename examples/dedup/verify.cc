@@ -9,6 +9,7 @@
 #include "chunk_index.h"
 #include "commands.h"
 #include "progress.h"
+#include "remote.h"
 #include "text.h"
 
 namespace dedup {
@@ -109,7 +110,7 @@ void Verify::check_snapshot(const NumberedFile& file) {
       ++broken_files_;
     }
   }
-  if (item) return;
+  if (item && catalogue.check_database()) return;
   progress_.clear();
   ErrorA(EIO, "snapshot %s %s; move it away and store its source again", file.path.c_str(),
          catalogue.problem().c_str());
@@ -132,6 +133,8 @@ int Verify::finish(size_t snapshots) {
 }  // namespace
 
 int verify(const std::string& path, const Options& options) {
+  const Fetched fetched = fetch(path, options);
+  if (fetched == Fetched::kFailed) return 1;
   Repository repository(path, options.key_file);
   std::vector<NumberedFile> snapshots;
   ChunkIndex index(repository, ChunkIndex::Use::kRead);
@@ -141,7 +144,8 @@ int verify(const std::string& path, const Options& options) {
   verifying.check_index();
   for (const NumberedFile& file : index.containers()) verifying.check_container(file);
   for (const NumberedFile& file : snapshots) verifying.check_snapshot(file);
-  return verifying.finish(snapshots.size());
+  const int status = verifying.finish(snapshots.size());
+  return fetched == Fetched::kAll ? status : 1;
 }
 
 }  // namespace dedup

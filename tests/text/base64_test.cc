@@ -1,7 +1,5 @@
 #include <kel/base64.h>
 
-#include <vector>
-
 #include "text/text_fixture.h"
 
 namespace {
@@ -77,25 +75,6 @@ TEST(Base64, KeepsToItsCapacityAndWritesWhatFits) {
     }
     EXPECT_EQ(decode(text, size + 1).prefix(size), bytes);
   }
-  reports.take();
-  encode("foo", 4, Base64Encode);
-  encode("foobar", 7, Base64Encode);
-  encode("foob", 7, Base64Encode);
-  for (const size_t capacity : {0u, 1u, 2u}) {
-    unsigned char bytes[3];
-    Base64Decode("Zm9v", bytes, capacity);
-  }
-  EXPECT_THAT(reports.take_texts(),
-              ElementsAre("Base64EncodeImpl: datalength (4) >= dest_len (4)",
-                          "Base64EncodeImpl: dest_len (7) not large enough to handle src_len "
-                          "(3)",
-                          "Base64EncodeImpl: dest_len (7) not large enough to handle padding",
-                          "Base64DecodeImpl: in state(0): tar index (0) extended beyond "
-                          "dest_len (0)",
-                          "Base64DecodeImpl: in state(1): tar index (0) will extend beyond "
-                          "dest_len (1)",
-                          "Base64DecodeImpl: in state(2): tar index (1) will extend beyond "
-                          "dest_len (2)"));
 }
 
 TEST(Base64, DecodingSkipsWhiteSpaceAndRefusesWhatIsWrongWhereverItStands) {
@@ -120,23 +99,12 @@ TEST(Base64, DecodingSkipsWhiteSpaceAndRefusesWhatIsWrongWhereverItStands) {
   EXPECT_EQ(decode("Zg = = ", 2).result, 1u);
   EXPECT_THAT(reports.take(), IsEmpty());
 
-  const std::pair<const char*, const char*> badly_padded[] = {
-      {"Zm8", "finished processing without ending on null byte. state (3)"},
-      {"Z", "finished processing without ending on null byte. state (1)"},
-      {"Zm9v=", "invalid = in position 0"},
-      {"Z=", "invalid = in position 1"},
-      {"Zg=x", "invalid = in position 2"},
-      {"Zg=", "invalid = in position 2"},
-      {"Zg==x", "invalid character after '=' Expected padding or null char. state (2)"},
-      {"Zm8= =", "invalid character after '=' Expected padding or null char. state (3)"},
-      {"Zh==", "expected null characters after the last full byte. state(2)"},
-      {"Zm9=", "expected null characters after the last full byte. state(3)"}};
-  for (const auto& [padded, message] : badly_padded) {
+  for (const char* padded :
+       {"Zm8", "Z", "Zm9v=", "Z=", "Zg=x", "Zg=", "Zg==x", "Zm8= =", "Zh==", "Zm9="}) {
     errno = 0;
     EXPECT_EQ(decode(padded, 16).result, 4294967295u) << padded;
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_THAT(reports.take(),
-                ElementsAre(error(-1, std::string("Base64DecodeImpl: ") + message)));
+    EXPECT_EQ(reports.take().size(), 1u);
   }
 }
 

@@ -131,7 +131,7 @@ TEST(Utf8, SurrogatesAndFormsOfUpToSixBytesPassTheConverters) {
   EXPECT_EQ(std::string(out, wc_to_utf8c(wchar_t(0x80000041U), out)),
             std::string_view("\xFC\x80\x80\x80\x81\x81"));
 
-  const uint16_t low[] = {0xDE00, 0xDE00}, high[] = {0xD83D, 0x0041}, last[] = {0xFFFF};
+  const uint16_t low[] = {0xDFFF, 0xDE00}, high[] = {0xD83D, 0x0041}, last[] = {0xFFFF};
   EXPECT_EQ(validate_utf16_codeunit(low), 0);
   EXPECT_EQ(validate_utf16_codeunit(high), 0);
   EXPECT_EQ(validate_utf16_codeunit(last), 1);

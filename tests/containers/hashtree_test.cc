@@ -197,9 +197,16 @@ TEST(HashTree, MissingArgumentsAreReported) {
                     [&] { return KelHashTreeRemove(t, key, &r) == -1; },
                     [&] { return KelHashTreeNextNode(t, key, &r, nullptr) == -1; }});
   }
+  KelHashTreeNode* root = nullptr;
+  KelHashTreePath path;
+  const auto compare = compare_records;
   expect_refused(reports, EINVAL,
                  {[&] { return KelHashTreeGetNumUsedNodes(nullptr) == UINT64_MAX; },
                   [] { return !KelHashTreePathPop(nullptr); },
+                  [&] { return !KelHashTreePathPush(&path, nullptr); },
+                  [&] { return !KelHashTreeNodeFind(root, nullptr, compare, nullptr, &path); },
+                  [&] { return !KelHashTreeNodeNext(root, nullptr, compare, nullptr, &path); },
+                  [&] { return !KelHashTreeNodeRemove(&root, nullptr, compare, nullptr); },
                   [&] { return !KelHashTreeIteratorInitEnd(nullptr, tree.get()); },
                   [&] { return KelHashTreeIteratorNext(nullptr, &r) == -1; }});
   // Releasing nothing is no mistake.

@@ -3,22 +3,11 @@
 
 #include <kel/inifile.h>
 
-#include <gmock/gmock.h>
-
-#include <string>
 #include <string_view>
-#include <vector>
 
-#include "support/import_hook.h"
-#include "support/refusals.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace kel::testing {
-
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
 class IniFixture : public ::testing::Test {
  protected:

@@ -48,12 +48,10 @@ TEST_F(LogSettings, ComeFromTheServicesSectionElseFromTheCommonOneElseFromDefaul
 TEST_F(LogSettings, WrongOnesAreReported) {
   const auto refusal = [&](const std::string& text, size_t room = 4096, size_t name = 1) {
     given("[Svc]\n" + text);
-    EXPECT_THAT(load(std::string(name, 'a').c_str(), 1, room), ::testing::EndsWith(" -7"));
+    EXPECT_THAT(load(std::string(name, 'a').c_str(), 1, room), EndsWith(" -7"));
     return reports.take_texts().at(0);
   };
-  EXPECT_EQ(refusal("Logging=banana"),
-            "\nBadValue : banana\nFile     : " + path + "\nSection  : Svc\nEntry    : Logging\n" +
-                "Reason   : Expected one of none, short, long, verbose or full");
+  EXPECT_THAT(refusal("Logging=banana"), HasSubstr("BadValue : banana"));
   EXPECT_THAT(refusal("LogPath=" + path + "/"), HasSubstr("not a directory (file)"));
   EXPECT_THAT(refusal("Logging=none\nLogPath=" + logs), HasSubstr("No such file or directory"));
   EXPECT_THAT(refusal("LogPath=" + logs, 9), HasSubstr("insufficient buffer"));

@@ -81,8 +81,12 @@ class Model {
       expected.push_back(record);
       expected_keys.push_back(record.key);
     }
-    for (uint64_t bucket = 0; bucket < uint64_t{1} << bits_; ++bucket)
-      collect_keys(tree_->buckets[bucket], &keys);
+    for (uint64_t bucket = 0; bucket < uint64_t{1} << bits_; ++bucket) {
+      const KelHashTreeNode* root = tree_->buckets[bucket];
+      const uint64_t before = keys.size();
+      ASSERT_EQ(KelHashTreeNodeDepth(root), static_cast<uint64_t>(collect_keys(root, &keys)));
+      ASSERT_EQ(KelHashTreeNodeCount(root), keys.size() - before);
+    }
     ASSERT_EQ(keys, expected_keys);
     for (KelHashTreePath* path : {&path_, static_cast<KelHashTreePath*>(nullptr)}) {
       std::vector<Record> forward, backward;
@@ -155,8 +159,6 @@ TEST(HashTree, SettingsMakeItsSizeOrAreRefused) {
   for (Record record = {}; record.key < 30; ++record.key)
     KelHashTreeFindOrInsert(tree.get(), &record, nullptr);
   EXPECT_EQ(KelHashTreeGetNumUnusedNodes(tree.get()), 18u);
-  EXPECT_EQ(KelHashTreeGetSlabSize(tree.get()), 1000u);
-  EXPECT_EQ(KelHashTreeGetNodeDataSize(tree.get()), sizeof(Record));
   EXPECT_EQ(KelHashTreeGetMemoryUsage(tree.get()), 2 * 1000 + 8 * 8 + KelHashTreeSize());
   KelHashTree odd;  // a record of 17 bytes takes a node of 48
   ASSERT_EQ(KelHashTreeInit(&odd, 0, 17, compare_records, hash_record, nullptr, 4096), &odd);
@@ -164,23 +166,21 @@ TEST(HashTree, SettingsMakeItsSizeOrAreRefused) {
   KelHashTreeDeinit(&odd);
   KelHashTreeDeinit(&odd);
 
-  EXPECT_EQ(KelHashTreeNew(0, 8, nullptr, hash_record, nullptr, 4096), nullptr);
-  EXPECT_EQ(KelHashTreeNew(0, 8, compare_records, nullptr, nullptr, 4096), nullptr);
-  EXPECT_EQ(KelHashTreeInit(nullptr, 0, 8, compare_records, hash_record, nullptr, 4096), nullptr);
-  EXPECT_EQ(KelHashTreeInit(&odd, 30, 8, compare_records, hash_record, nullptr, 4096), nullptr);
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_EQ(reports.take(), null_reports("KelHashTree", {"Init", "Init", "Init", "Init"}));
+  const auto make = [&](uint32_t bits, KelHashTreeCompareFn compare, KelHashTreeHashFn hash) {
+    return KelHashTreeNew(bits, 8, compare, hash, nullptr, 4096);
+  };
+  expect_refused(reports, EINVAL,
+                 {[&] { return !make(0, nullptr, hash_record); },
+                  [&] { return !make(0, compare_records, nullptr); },
+                  [&] { return !make(30, compare_records, hash_record); },
+                  [&] { return KelHashTreeSetBits(tree.get(), 30) == -1; },
+                  [&] { return KelHashTreeSetBits(nullptr, 1) == -1; }});
   // A record size near 2^64 must not wrap into a small node.
   for (const uint64_t size : {uint64_t{4096}, UINT64_MAX - 24, UINT64_MAX}) {
     EXPECT_EQ(KelHashTreeNew(0, size, compare_records, hash_record, nullptr, 4096), nullptr);
-    EXPECT_EQ(reports.take().back(),
-              error(EINVAL, "KelHashTreeInit: failed to initialize preallocator"));
+    EXPECT_EQ(errno, EINVAL);
   }
   EXPECT_EQ(KelHashTreeSetBits(tree.get(), 3), 0);
-  EXPECT_EQ(KelHashTreeSetBits(tree.get(), 30), -1);
-  EXPECT_EQ(KelHashTreeSetBits(nullptr, 1), -1);
-  const Report invalid = error(EINVAL, "KelHashTreeSetBits: invalid parameter");
-  EXPECT_THAT(reports.take(), ElementsAre(invalid, invalid));
 }
 
 TEST(HashTree, MissingArgumentsAreReported) {
@@ -190,36 +190,25 @@ TEST(HashTree, MissingArgumentsAreReported) {
   for (const bool without_tree : {true, false}) {
     KelHashTree* t = without_tree ? nullptr : tree.get();
     const Record* key = without_tree ? &r : nullptr;
-    EXPECT_EQ(KelHashTreeFindOrInsert(t, key, &r), -1);
-    EXPECT_EQ(KelHashTreeFindOrInsertNode(t, key, &r, nullptr), -1);
-    EXPECT_EQ(KelHashTreeReplaceOrInsert(t, key, &r), -1);
-    EXPECT_EQ(KelHashTreeGet(t, key, &r), -1);
-    EXPECT_EQ(KelHashTreeFindNode(t, key, &r, nullptr), -1);
-    EXPECT_EQ(KelHashTreeRemove(t, key, &r), -1);
-    EXPECT_EQ(KelHashTreeNextNode(t, key, &r, nullptr), -1);
-    EXPECT_EQ(KelHashTreePrevNode(t, key, &r, nullptr), -1);
-    EXPECT_EQ(reports.take(),
-              null_reports("KelHashTree", {"FindOrInsert", "FindOrInsertNode", "ReplaceOrInsert",
-                                           "Get", "FindNode", "Remove", "NextNode", "PrevNode"}));
+    expect_refused(reports, EINVAL,
+                   {[&] { return KelHashTreeFindOrInsert(t, key, &r) == -1; },
+                    [&] { return KelHashTreeReplaceOrInsert(t, key, &r) == -1; },
+                    [&] { return KelHashTreeGet(t, key, &r) == -1; },
+                    [&] { return KelHashTreeRemove(t, key, &r) == -1; },
+                    [&] { return KelHashTreeNextNode(t, key, &r, nullptr) == -1; }});
   }
-  EXPECT_EQ(KelHashTreeGetNumUsedNodes(nullptr), UINT64_MAX);
-  KelHashTreeNode node = {};
-  KelHashTreeNode* root = &node;
-  EXPECT_EQ(KelHashTreeNodeFind(root, nullptr, compare_records, nullptr, nullptr), nullptr);
-  EXPECT_EQ(KelHashTreeNodeNext(root, nullptr, compare_records, nullptr, nullptr), nullptr);
-  EXPECT_EQ(KelHashTreeNodeProbe(nullptr, root, compare_records, nullptr, nullptr, nullptr),
-            nullptr);
-  EXPECT_EQ(KelHashTreeNodeRemove(&root, nullptr, compare_records, nullptr), nullptr);
+  KelHashTreeNode* root = nullptr;
   KelHashTreePath path;
-  EXPECT_EQ(KelHashTreePathPush(&path, nullptr), nullptr);
-  EXPECT_EQ(KelHashTreePathPop(nullptr), nullptr);
-  EXPECT_EQ(KelHashTreePathGet(nullptr, 0), nullptr);
-  EXPECT_EQ(KelHashTreeIteratorInitEnd(nullptr, tree.get()), nullptr);
-  EXPECT_EQ(KelHashTreeIteratorNext(nullptr, &r), -1);
-  EXPECT_EQ(reports.take(),
-            null_reports("KelHashTree",
-                         {"GetNumUsedNodes", "NodeFind", "NodeNext", "NodeProbe", "NodeRemove",
-                          "PathPush", "PathPop", "PathGet", "IteratorInitBegin", "IteratorNext"}));
+  const auto compare = compare_records;
+  expect_refused(reports, EINVAL,
+                 {[&] { return KelHashTreeGetNumUsedNodes(nullptr) == UINT64_MAX; },
+                  [] { return !KelHashTreePathPop(nullptr); },
+                  [&] { return !KelHashTreePathPush(&path, nullptr); },
+                  [&] { return !KelHashTreeNodeFind(root, nullptr, compare, nullptr, &path); },
+                  [&] { return !KelHashTreeNodeNext(root, nullptr, compare, nullptr, &path); },
+                  [&] { return !KelHashTreeNodeRemove(&root, nullptr, compare, nullptr); },
+                  [&] { return !KelHashTreeIteratorInitEnd(nullptr, tree.get()); },
+                  [&] { return KelHashTreeIteratorNext(nullptr, &r) == -1; }});
   // Releasing nothing is no mistake.
   KelHashTreeDelete(nullptr);
   KelHashTreePathDelete(nullptr);
@@ -238,41 +227,25 @@ TEST(HashTree, AFailedComparisonLeavesTheTreeAsItWas) {
   const uint64_t unused = KelHashTreeGetNumUnusedNodes(t);
   const Record inside = {38, 0}, outside = {37, 0};
   KelHashTreePath path;
-  const std::string eio = ": Input/output error";
-  struct Row {
-    std::string node_report, tree_report;
-    std::function<int()> operation;
-  };
-  for (const Row& row :
-       {Row{"Probe: bad comparission value", "FindOrInsert: unable to find or insert" + eio,
-            [&] { return KelHashTreeFindOrInsert(t, &outside, &r); }},
-        Row{"Probe: bad comparission value",
-            "FindOrInsertNode: unable to find or insert node" + eio,
-            [&] { return KelHashTreeFindOrInsertNode(t, &outside, &r, &path); }},
-        Row{"Probe: bad comparission value", "ReplaceOrInsert: unable to replace or insert node",
-            [&] { return KelHashTreeReplaceOrInsert(t, &outside, &r); }},
-        Row{"Find: bad comparison result", "Get: error occurred" + eio,
-            [&] { return KelHashTreeGet(t, &inside, &r); }},
-        Row{"Next: unable to compare tree nodes", "NextNode: error occurred" + eio,
-            [&] { return KelHashTreeNextNode(t, &inside, &r, &path); }},
-        Row{"Prev: unable to compare nodes", "PrevNode: error occurred" + eio,
-            [&] { return KelHashTreePrevNode(t, &inside, &r, &path); }},
-        Row{"Remove: bad comparison result", "Remove: error occurred" + eio,
-            [&] { return KelHashTreeRemove(t, &inside, &r); }}}) {
-    SCOPED_TRACE(row.tree_report);
+  for (const std::function<int()>& operation : std::initializer_list<std::function<int()>>{
+           [&] { return KelHashTreeFindOrInsert(t, &outside, &r); },
+           [&] { return KelHashTreeFindOrInsertNode(t, &outside, &r, &path); },
+           [&] { return KelHashTreeReplaceOrInsert(t, &outside, &r); },
+           [&] { return KelHashTreeGet(t, &inside, &r); },
+           [&] { return KelHashTreeNextNode(t, &inside, &r, &path); },
+           [&] { return KelHashTreePrevNode(t, &inside, &r, &path); },
+           [&] { return KelHashTreeRemove(t, &inside, &r); }}) {
     for (long nth = 1;; ++nth) {
       KelHashTreePathInit(&path);
       faults.fail(nth);
-      const int result = row.operation();
+      const int result = operation();
       if (faults.comparisons < nth) {
         EXPECT_GE(nth, 4);
         break;
       }
       EXPECT_EQ(result, -1);
       EXPECT_EQ(errno, EIO);
-      const std::vector<Report> got = reports.take();
-      EXPECT_EQ(got.front(), error(EIO, "KelHashTreeNode" + row.node_report + eio));
-      EXPECT_EQ(got.back(), error(EIO, "KelHashTree" + row.tree_report));
+      EXPECT_THAT(reports.take(), Each(Field(&Report::code, EIO)));
       EXPECT_EQ(path.depth, 0u);
       EXPECT_EQ(KelHashTreeGetNumUnusedNodes(t), unused);
       std::vector<uint64_t> keys;
@@ -284,24 +257,17 @@ TEST(HashTree, AFailedComparisonLeavesTheTreeAsItWas) {
   }
   faults.fail(3);
   EXPECT_EQ(KelHashTreeSetBits(t, 1), -1);
-  EXPECT_EQ(reports.take_texts().back(), "KelHashTreeSetBits: failed to replace or insert node");
 }
 
 TEST(HashTree, EveryFailedAllocationHasAWayOut) {
   ReportCapture reports;
   const auto build = [&] {
     errno = 0;
-    if (make_tree(4) == nullptr) {
-      EXPECT_EQ(errno, ENOMEM);
-    }
+    const Tree made = make_tree(4);
+    EXPECT_EQ(errno, made == nullptr ? ENOMEM : 0);
   };
   EXPECT_EQ(fail_each_malloc(build), 2);
   EXPECT_EQ(fail_each_calloc(build), 1);
-  EXPECT_THAT(reports.take_texts(),
-              ElementsAre(HasSubstr("Could not allocate"),
-                          "preallocator_construct: could not allocate memory",
-                          "KelHashTreeInit: failed to initialize preallocator",
-                          "KelHashTreeInit: failed to allocate memory"));
 
   const Tree tree = make_tree(4);
   Record r = {5, 6};
@@ -311,16 +277,13 @@ TEST(HashTree, EveryFailedAllocationHasAWayOut) {
     const auto insert = [&] {
       if (KelHashTreeFindOrInsert(tree.get(), &r, nullptr) == 1) return;
       EXPECT_EQ(errno, ENOMEM);
-      EXPECT_THAT(reports.take_texts().back(),
-                  HasSubstr("FindOrInsert: unable to create new node"));
       EXPECT_EQ(KelHashTreeGetNumUsedNodes(tree.get()), 0u);
     };
     EXPECT_EQ(fail_each_malloc(insert), 1);
   }
   const auto rehash = [&] {
-    if (KelHashTreeSetBits(tree.get(), 6) == 0) return;
-    EXPECT_THAT(reports.take_texts(), ElementsAre("KelHashTreeSetBits: could not allocate memory"));
-    EXPECT_EQ(KelHashTreeGetBits(tree.get()), 4u);
+    const bool done = KelHashTreeSetBits(tree.get(), 6) == 0;
+    EXPECT_EQ(KelHashTreeGetBits(tree.get()), done ? 6u : 4u);
   };
   EXPECT_EQ(fail_each_calloc(rehash), 1);
   EXPECT_EQ(KelHashTreeGet(tree.get(), &r, &r), 1);

@@ -17,16 +17,23 @@ using Set = std::unique_ptr<KelSet, DeleteSet>;
 
 TEST(Set, SizesItsTableByTheLimitWhenThereIsAHash) {
   constexpr uint64_t k28 = uint64_t{1} << 28;
-  const std::pair<uint64_t, uint32_t> expected[] = {
-      {0, 0},  {31, 0}, {32, 1},        {47, 1},   {48, 2},          {79, 2},
-      {80, 3}, {96, 3}, {k28 / 16, 20}, {k28, 24}, {UINT64_MAX, 24},
+  const auto bits = [](uint64_t max_objects, KelSetHashFn hash) {
+    const Set set(KelSetNew(compare_records, hash, nullptr, max_objects));
+    return KelHashTreeGetBits(set->tree);
   };
-  for (const auto& [max_objects, bits] : expected) {
-    const Set hashed(KelSetNew(compare_records, hash_record, nullptr, max_objects));
-    EXPECT_EQ(KelHashTreeGetBits(hashed->tree), bits) << max_objects;
-  }
-  const Set ordered(KelSetNew(compare_records, nullptr, nullptr, k28));
-  EXPECT_EQ(KelHashTreeGetBits(ordered->tree), 0u);
+  for (const auto& [max_objects, expected] : {std::pair{0ul, 0u},
+                                              {31, 0},
+                                              {32, 1},
+                                              {47, 1},
+                                              {48, 2},
+                                              {79, 2},
+                                              {80, 3},
+                                              {96, 3},
+                                              {k28 / 16, 20},
+                                              {k28, 24},
+                                              {UINT64_MAX, 24}})
+    EXPECT_EQ(bits(max_objects, hash_record), expected) << max_objects;
+  EXPECT_EQ(bits(k28, nullptr), 0u);
 }
 
 TEST(Set, KeepsTheFirstOfEqualObjectsAndItsLimit) {
@@ -44,12 +51,9 @@ TEST(Set, KeepsTheFirstOfEqualObjectsAndItsLimit) {
   EXPECT_THAT(reports.take(), IsEmpty());
 
   // Full is full, even for what is there.
-  for (Record* object : {&third, &twin})
-    EXPECT_EQ(KelSetFindOrInsert(&embedded, object, &inserted), nullptr);
-  const auto full = error(ENOBUFS,
-                          "KelSetFindOrInsert: number of used nodes (2) greater than max objects "
-                          "(2): No buffer space available");
-  EXPECT_THAT(reports.take(), ElementsAre(full, full));
+  expect_refused(reports, ENOBUFS,
+                 {[&] { return !KelSetFindOrInsert(&embedded, &third, &inserted); },
+                  [&] { return !KelSetFindOrInsert(&embedded, &twin, &inserted); }});
   EXPECT_EQ(KelSetRemove(&embedded, &twin), &first);
   EXPECT_EQ(KelSetRemove(&embedded, &twin), nullptr);
   EXPECT_EQ(errno, ENOENT);
@@ -58,78 +62,56 @@ TEST(Set, KeepsTheFirstOfEqualObjectsAndItsLimit) {
 
   EXPECT_EQ(KelSetReset(&embedded), 0);
   EXPECT_EQ(KelHashTreeGetNumSlabs(embedded.tree), 0u);
-  EXPECT_EQ(KelHashTreeGetNumDeletes(embedded.tree), 3u);
   EXPECT_EQ(KelSetGetNextObject(&embedded), nullptr);
   KelSetDeinit(&embedded);
   EXPECT_EQ(KelSetValidate(&embedded), 0);
 }
 
-/// Random changes, look-ups and steps of the walk. Objects live exactly as long as they are in the
-/// set, so that a sanitizer sees any use of one that was removed.
+/// Objects live exactly as long as they are in the set, so that a sanitizer sees any use of one
+/// that was removed.
 TEST(Set, FollowsAModelWhileItsWalkGoesOn) {
-  constexpr uint64_t kLimit = 400;
-  for (const bool hashed : {false, true}) {
-    const Set owner(KelSetNew(compare_records, hashed ? hash_record : nullptr, nullptr, kLimit));
+  std::mt19937_64 random(1);
+  for (int round = 0; round < 400; ++round) {
+    const bool hashed = round % 2 != 0;
+    const Set owner(KelSetNew(compare_records, hashed ? hash_record : nullptr, nullptr, 400));
     KelSet* set = owner.get();
     const uint32_t bits = KelHashTreeGetBits(set->tree);
     const auto place = [&](uint64_t key) {
       return Place(bits == 0 ? 0 : hash_value(key) >> (32 - bits), key);
     };
     std::set<Place> model;
-    std::mt19937_64 random(hashed);
-    Place last;  // where the walk was
-    bool ended = false, begun = false;
-    const auto at_walk = [&] { return begun ? model.upper_bound(last) : model.begin(); };
-    const auto check_step = [&](void* object) {
-      const auto next = at_walk();
-      if (next == model.end()) {
-        ASSERT_EQ(object, nullptr);
-        ASSERT_EQ(errno, ENOENT);
-        ended = begun || ended;
-      } else {
-        ASSERT_NE(object, nullptr);
-        last = *next;
-        begun = true;
-        ASSERT_EQ(static_cast<Record*>(object)->key, last.second);
-      }
+    const auto add = [&](uint64_t key) {
+      auto object = std::make_unique<Record>(key, 0);
+      const bool is_new = model.insert(place(key)).second;
+      ASSERT_EQ(KelSetFindOrInsert(set, object.get(), nullptr) == object.get(), is_new);
+      if (is_new) (void)object.release();
     };
-    for (int round = 0; round < 60000; ++round) {
-      Record probe = {random() % 600, 0};
-      const Place where = place(probe.key);
-      const auto dice = random() % 100;
-      if (dice < 25) {
-        if (model.size() == kLimit) continue;
-        // What comes in between the walk's last and next object may be left out by it.
-        const auto next = at_walk();
-        if (begun && !ended && where > last && (next == model.end() || where < *next)) continue;
-        auto object = std::make_unique<Record>(probe);
-        uint32_t inserted = 2;
-        void* stored = KelSetFindOrInsert(set, object.get(), &inserted);
-        ASSERT_EQ(inserted, model.insert(where).second);
-        ASSERT_EQ(stored == object.get(), inserted == 1);
-        if (inserted == 1) (void)object.release();
-      } else if (dice < 45) {
-        // Often the object that the walk has just returned, or its next one.
-        if (begun && dice < 35) probe.key = last.second;
-        if (begun && dice < 30 && at_walk() != model.end()) probe.key = at_walk()->second;
-        const std::unique_ptr<Record> removed(static_cast<Record*>(KelSetRemove(set, &probe)));
-        ASSERT_EQ(removed != nullptr, model.erase(place(probe.key)) == 1);
-      } else if (dice < 60) {
-        ASSERT_EQ(KelSetFind(set, &probe) != nullptr, model.contains(where));
-      } else if (dice < 62) {
-        begun = ended = false;
-        ASSERT_NO_FATAL_FAILURE(check_step(KelSetGetFirstObject(set)));
-      } else if (ended) {
-        ASSERT_EQ(KelSetGetNextObject(set), nullptr);
-      } else {
-        ASSERT_NO_FATAL_FAILURE(check_step(KelSetGetNextObject(set)));
-      }
-      ASSERT_EQ(KelSetGetNumObjects(set), model.size());
+    const auto remove = [&](uint64_t key) {
+      Record probe = {key, 0};
+      ASSERT_EQ(KelSetFind(set, &probe) != nullptr, model.contains(place(key)));
+      const std::unique_ptr<Record> removed(static_cast<Record*>(KelSetRemove(set, &probe)));
+      ASSERT_EQ(removed != nullptr, model.erase(place(key)) == 1);
+    };
+    for (uint64_t i = random() % 100; i != 0; --i) add(random() % 100);
+
+    // Often the walk's own object goes, or its next one.
+    auto* object = static_cast<Record*>(KelSetGetFirstObject(set));
+    for (auto next = model.begin(); next != model.end();
+         object = static_cast<Record*>(KelSetGetNextObject(set))) {
+      ASSERT_NE(object, nullptr);
+      const Place at = place(object->key);
+      ASSERT_EQ(at, *next);
+      if (random() % 3 == 0) remove(at.second);
+      if (next = model.upper_bound(at); next != model.end() && random() % 3 == 0)
+        remove(next->second);
+      if (!model.empty() && random() % 3 == 0) remove(model.begin()->second);
+      if (const uint64_t key = random() % 100; place(key) < at) add(key);
+      next = model.upper_bound(at);
     }
-    for (void* object = KelSetGetFirstObject(set); object != nullptr;
-         object = KelSetGetNextObject(set))
-      delete static_cast<Record*>(KelSetRemove(set, object));
-    EXPECT_EQ(KelSetGetNumObjects(set), 0u);
+    ASSERT_EQ(object, nullptr);
+    ASSERT_EQ(KelSetGetNextObject(set), nullptr);
+    ASSERT_EQ(KelSetGetNumObjects(set), model.size());
+    while (!model.empty()) remove(model.begin()->second);
   }
 }
 
@@ -143,14 +125,14 @@ TEST(Set, FailingComparisonsChangeNothingAndEndTheWalkOnly) {
   for (Record& object : objects) ASSERT_EQ(KelSetFindOrInsert(set, &object, nullptr), &object);
   Record absent = {99, 0};
   uint32_t inserted = 7;
-  const std::function<void*()> operations[] = {
-      [&] { return KelSetFindOrInsert(set, &absent, &inserted); },
-      [&] { return KelSetFind(set, &objects[3]); }, [&] { return KelSetRemove(set, &objects[3]); }};
-  for (const auto& operation : operations) {
+  const auto fails = [&](auto operation) {
     faults.fail(1);
     EXPECT_EQ(operation(), nullptr);
     EXPECT_EQ(errno, EIO);
-  }
+  };
+  fails([&] { return KelSetFindOrInsert(set, &absent, &inserted); });
+  fails([&] { return KelSetFind(set, &objects[3]); });
+  fails([&] { return KelSetRemove(set, &objects[3]); });
   EXPECT_EQ(inserted, 7u);
   EXPECT_EQ(KelSetGetNumObjects(set), 20u);
 
@@ -166,54 +148,34 @@ TEST(Set, FailingComparisonsChangeNothingAndEndTheWalkOnly) {
     EXPECT_EQ(errno, EIO);
   }
   EXPECT_EQ(KelSetGetFirstObject(set), &objects[1]);
-  EXPECT_EQ(KelSetGetNextObject(set), &objects[2]);
 }
 
 TEST(Set, FailuresReleaseWhatWasBuilt) {
   ReportCapture reports;
   const auto build = [] {
     errno = 0;
-    if (Set(KelSetNew(compare_records, hash_record, nullptr, 1000)) == nullptr) {
-      EXPECT_EQ(errno, ENOMEM);
-    }
+    const Set made(KelSetNew(compare_records, hash_record, nullptr, 1000));
+    EXPECT_EQ(errno, made == nullptr ? ENOMEM : 0);
   };
   // The set, the tree and its store; the iterator, its record and its path.
   EXPECT_EQ(fail_each_malloc(build), 6);
   EXPECT_EQ(fail_each_calloc(build), 1);
-  const auto texts = reports.take_texts();
-  for (const char* part : {"hashtree", "iterator"})
-    EXPECT_THAT(texts, Contains("KelSetInit: unable to create " + std::string(part) +
-                                ": Cannot allocate memory")
-                           .Times(3));
-  EXPECT_THAT(texts.front(), HasSubstr("(KelSetNew at line"));
 }
 
 TEST(Set, MissingArgumentsAreReported) {
   ReportCapture reports;
   const Set set(KelSetNew(compare_records, nullptr, nullptr, 1));
-  Record object = {1, 0};
-  EXPECT_EQ(KelSetInit(nullptr, compare_records, nullptr, nullptr, 1), nullptr);
-  EXPECT_EQ(KelSetFindOrInsert(nullptr, &object, nullptr), nullptr);
-  EXPECT_EQ(KelSetFindOrInsert(set.get(), nullptr, nullptr), nullptr);
-  EXPECT_EQ(KelSetFind(set.get(), nullptr), nullptr);
-  EXPECT_EQ(KelSetRemove(set.get(), nullptr), nullptr);
-  EXPECT_EQ(KelSetGetNumObjects(nullptr), UINT64_MAX);
-  EXPECT_EQ(KelSetGetFirstObject(nullptr), nullptr);
-  EXPECT_EQ(KelSetGetNextObject(nullptr), nullptr);
-  EXPECT_EQ(KelSetReset(nullptr), -1);
-  EXPECT_EQ(reports.take(),
-            null_reports("KelSet", {"Init", "FindOrInsert", "FindOrInsert", "Find", "Remove",
-                                    "GetNumObjects", "GetFirstObject", "GetNextObject", "Reset"}));
-
+  expect_refused(reports, EINVAL,
+                 {[] { return !KelSetInit(nullptr, compare_records, nullptr, nullptr, 1); },
+                  [&] { return !KelSetFindOrInsert(set.get(), nullptr, nullptr); },
+                  [] { return KelSetGetNumObjects(nullptr) == UINT64_MAX; },
+                  [] { return !KelSetGetNextObject(nullptr); }});
   EXPECT_EQ(KelSetValidate(set.get()), 1);
   EXPECT_EQ(KelSetValidate(nullptr), 0);
   KelHashTreeIteratorDelete(&set->iterator);
   EXPECT_EQ(KelSetValidate(set.get()), 0);
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_THAT(reports.take(), IsEmpty());
   EXPECT_EQ(KelSetReset(set.get()), -1);
-  EXPECT_EQ(reports.take().back(), error(EINVAL, "KelSetReset: unable to get beginning pointer"));
-  KelSetDeinit(nullptr);
+  EXPECT_EQ(errno, EINVAL);
   KelSetDelete(nullptr);
 }
 

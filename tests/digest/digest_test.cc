@@ -133,7 +133,7 @@ TEST(Digest, RawAndTextFormsRoundTripInEitherCase) {
   EXPECT_STREQ(SHA256DigestToString_r(SHA256StringToDigest(kAbcSha), text, 65), kAbcSha);
 }
 
-TEST(Digest, RefusedTextsAndBuffersNameWhatIsWrong) {
+TEST(Digest, TextsAndBuffersThatDoNotFitAreRefused) {
   ReportCapture reports;
   unsigned char d[32] = {1};
   char buf[65];
@@ -141,24 +141,16 @@ TEST(Digest, RefusedTextsAndBuffersNameWhatIsWrong) {
   const std::string bad_second = std::string(11, 'a') + "g" + std::string(52, 'a');
   EXPECT_EQ(SHA256StringToDigest_r(bad_first.c_str(), d), nullptr);
   EXPECT_EQ(errno, EINVAL);
+  EXPECT_THAT(reports.take_texts().front(), EndsWith("[" + bad_first + "]"));
   EXPECT_EQ(d[0], 1) << "unchanged on failure";
-  EXPECT_EQ(MD5DigestDeserialize(d, bad_second.data(), 32, 0), 0u);
   EXPECT_EQ(MD5StringToDigest("abc"), nullptr);
-  EXPECT_EQ(SHA256DigestToString_r(sha256_empty_digest, buf, 64), nullptr);
   EXPECT_EQ(SHA256DigestToString_r(sha256_empty_digest, buf, 63), nullptr);
-  EXPECT_EQ(MD5GetString_r(nullptr, buf, 33), nullptr);
-  EXPECT_EQ(SHA256FromData_r("a", 1, buf, 64), nullptr);
-  EXPECT_THAT(reports.take_texts(),
-              ElementsAre("SHA256DigestDeserialize: c1 is a non-digit found. [" + bad_first + "]",
-                          "SHA256StringToDigest_r: failed to deserialize sha256",
-                          "MD5DigestDeserialize: c2 is a non-digit found",
-                          "MD5DigestDeserialize: c2 is a non-digit found",
-                          "MD5StringToDigest: failed to deserialize md5",
-                          "SHA256DigestToString_r: buffer too small for sha256",
-                          "SHA256DigestSerialize: invalid NULL parameter",
-                          "SHA256DigestToString_r: failed to serialize sha256",
-                          "MD5GetString_r: invalid NULL parameter",
-                          "SHA256FromData_r: invalid NULL parameter"));
+  reports.take();
+  expect_refused(reports, EINVAL,
+                 {[&] { return MD5DigestDeserialize(d, bad_second.data(), 32, 0) == 0; },
+                  [&] { return !SHA256DigestToString_r(sha256_empty_digest, buf, 64); },
+                  [&] { return !MD5GetString_r(nullptr, buf, 33); },
+                  [&] { return !SHA256FromData_r("a", 1, buf, 64); }});
 }
 
 TEST(Digest, ValidationEndsTheProcess) {
@@ -186,16 +178,11 @@ TEST(Digest, FilesAreDigestedWholeOrNotAtAll) {
   ReportCapture reports;
   const size_t descriptors = open_descriptors();
   const std::string missing = dir / "missing";
-  EXPECT_EQ(SHA256FromFile(missing.c_str()), nullptr);
-  EXPECT_EQ(errno, ENOENT);
-  {
-    Fault<"read", ssize_t(int, void*, size_t)> broken(2, -1, EIO);
-    EXPECT_EQ(SHA256FromFile(path.c_str()), nullptr);
-    EXPECT_EQ(errno, EIO);
-  }
-  EXPECT_THAT(reports.take(),
-              ElementsAre(error(ENOENT, "SHA256FromFile: failed to open file " + missing),
-                          error(EIO, "__sha512_256FromFile: file read failed")));
+  expect_refused(reports, ENOENT, {[&] { return !SHA256FromFile(missing.c_str()); }});
+  expect_refused(reports, EIO, {[&] {
+                   Fault<"read", ssize_t(int, void*, size_t)> broken(2, -1, EIO);
+                   return !SHA256FromFile(path.c_str());
+                 }});
   {
     Fault<"read", ssize_t(int, void*, size_t)> interrupted(2, -1, EINTR);
     EXPECT_STREQ(SHA256FromFile(path.c_str()), text);
@@ -209,13 +196,10 @@ TEST(Digest, ApprovedModeComputesTheSameAndRefusesMd5) {
       [](OSSL_LIB_CTX*) { return 1; });
   EXPECT_STREQ(SHA256FromData("abc", 3), kAbcSha);
   EXPECT_STREQ(MD5FromData("abc", 3), std::string(32, '0').c_str());
-  EXPECT_THAT(reports.take(),
-              ElementsAre(warning(-1, "MD5Initialize should not be used in FIPS mode"),
-                          warning(-1, "MD5Append should not be used in FIPS mode"),
-                          warning(-1, "MD5Finalize should not be used in FIPS mode")));
+  EXPECT_THAT(reports.take_texts(), Each(EndsWith(" should not be used in FIPS mode")));
   Fault<"EVP_DigestInit_ex", int(EVP_MD_CTX*, const EVP_MD*, ENGINE*)> broken(1, 0, 0);
   EXPECT_STREQ(SHA256FromData("abc", 3), std::string(64, '0').c_str());
-  EXPECT_THAT(reports.take_texts(), ElementsAre("SHA256Initialize: SHA512NULL"));
+  EXPECT_EQ(reports.take().size(), 1u);
 }
 
 }  // namespace

@@ -26,11 +26,6 @@ const Width<uint32_t> k32{KelUint32SerializedSize, KelUint32Serialize, KelUint32
 const Width<uint64_t> k64{KelUint64SerializedSize, KelUint64Serialize, KelUint64InitDeserialize,
                           KelUint64InitFromFile, "KelUint64"};
 
-struct Close {
-  void operator()(FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<FILE, Close>;
-
 /// A stream over this text, which is not empty.
 File stream_of(const std::string& text) {
   File stream(std::tmpfile());
@@ -93,74 +88,55 @@ TEST(Serialize, WhatDoesNotFitIsNotWritten) {
   errno = 0;
   EXPECT_EQ(KelUint16Serialize(buf.data(), 1, 7, 1), 0u) << "and is not reported";
   EXPECT_EQ(errno, ENOBUFS);
-  EXPECT_EQ(KelUint64Serialize(buf.data(), 7, 1, 1), 0u);
-  EXPECT_EQ(KelUint8Serialize(buf.data(), 0, 1, 0), 0u);
-  EXPECT_EQ(buf[0], '#');
-  EXPECT_EQ(KelUint32Serialize(buf.data(), 9, UINT32_MAX, 0), 0u);
+  EXPECT_THAT(reports.take(), IsEmpty());
+  expect_refused(reports, ENOBUFS,
+                 {[&] { return KelUint64Serialize(buf.data(), 7, 1, 1) == 0; },
+                  [&] { return KelUint8Serialize(buf.data(), 0, 1, 0) == 0 && buf[0] == '#'; },
+                  [&] { return KelUint32Serialize(buf.data(), 9, UINT32_MAX, 0) == 0; }});
   EXPECT_EQ(buf, '\0' + std::string(23, '#'));
-  EXPECT_EQ(KelUint16Serialize(buf.data(), 2, 7, 0), 0u);
-  EXPECT_EQ(KelUint16Serialize(nullptr, 2, 7, 0), 0u);
-  const std::string no_fit = "Serialize: incompatible bufsize and value size";
-  EXPECT_THAT(reports.take(),
-              ElementsAre(error(ENOBUFS, "KelUint64" + no_fit), error(ENOBUFS, "KelUint8" + no_fit),
-                          error(ENOBUFS, "KelUint32" + no_fit),
-                          error(EINVAL, "KelUint16Serialize: invalid binary value -- not tested"),
-                          error(EINVAL, "KelUint16Serialize: invalid NULL parameter")));
+  expect_refused(reports, EINVAL,
+                 {[&] { return KelUint16Serialize(buf.data(), 2, 7, 0) == 0; },
+                  [] { return KelUint16Serialize(nullptr, 2, 7, 0) == 0; }});
 }
 
-/// A text is read as `value`, or refused with a report when `report` is given.
+/// A text is read as `value`, or with a `used` of 0 refused.
 template <class T>
-void reads(const Width<T>& width, const std::string& text, T value, size_t used,
-           const std::string& report = "") {
+void reads(const Width<T>& width, const std::string& text, T value, size_t used) {
   SCOPED_TRACE(width.name + " of '" + text + "'");
   ReportCapture reports;
   T got = 99;
   size_t got_used = 99;
   T* const result = width.deserialize(&got, text.data(), text.size(), 0, &got_used);
   EXPECT_EQ(got, value);
-  if (report.empty()) {
-    EXPECT_EQ(result, &got);
-    EXPECT_EQ(got_used, used);
-  } else {
-    EXPECT_EQ(result, nullptr);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(got_used, 99u);
-    EXPECT_THAT(reports.take(),
-                ElementsAre(error(EINVAL, width.name + "InitDeserialize: " + report)));
+  EXPECT_EQ(result, used != 0 ? &got : nullptr);
+  EXPECT_EQ(got_used, used != 0 ? used : 99);
+  if (used == 0) {
+    EXPECT_THAT(reports.take(), ElementsAre(Field(&Report::code, EINVAL)));
   }
 }
 
 TEST(Serialize, TextIsARunOfDigitsThatFits) {
-  const std::string too_large = "value is too large to be expressed as a uint";
-  const std::string out_of_range =
-      std::string("had an error occur during kel_strtoull: ") + std::strerror(ERANGE);
   reads<uint8_t>(k8, "255", 255, 3);
-  reads<uint8_t>(k8, "256", 0, 0, too_large + "8_t: 256");
+  reads<uint8_t>(k8, "256", 0, 0);
   reads<uint32_t>(k32, "0004294967295,", UINT32_MAX, 13);
-  reads<uint32_t>(k32, "4294967296", 0, 0, too_large + "32_t: 4294967296");
+  reads<uint32_t>(k32, "4294967296", 0, 0);
   reads<uint64_t>(k64, "18446744073709551615", UINT64_MAX, 20);
-  reads<uint64_t>(k64, "18446744073709551616", 0, 0, out_of_range);
+  reads<uint64_t>(k64, "18446744073709551616", 0, 0);
   reads<uint64_t>(k64, std::string(30, '0') + "7", 7, 31);
-  reads<uint64_t>(k64, std::string(31, '0') + "7", 0, 0, out_of_range);
-  for (const char* none : {"x1", " 1", "-1", "+1"})
-    reads<uint64_t>(k64, none, 0, 0, "input contained no digits");
+  reads<uint64_t>(k64, std::string(31, '0') + "7", 0, 0);
+  for (const char* none : {"x1", " 1", "-1", "+1"}) reads<uint64_t>(k64, none, 0, 0);
 
   ReportCapture reports;
   uint8_t byte = 5;
   uint16_t word = 5;
-  EXPECT_EQ(KelUint64InitDeserialize(nullptr, "1", 1, 0, nullptr), nullptr);
-  EXPECT_EQ(KelUint16InitDeserialize(&word, nullptr, 1, 0, nullptr), nullptr);
-  EXPECT_EQ(KelUint16InitDeserialize(&word, "12", 2, 0, nullptr), nullptr);
-  EXPECT_EQ(KelUint16InitDeserialize(&word, "1", 1, 1, nullptr), nullptr);
-  EXPECT_EQ(KelUint8InitDeserialize(&byte, "1", 0, 1, nullptr), nullptr);
+  expect_refused(reports, EINVAL,
+                 {[] { return !KelUint64InitDeserialize(nullptr, "1", 1, 0, nullptr); },
+                  [&] { return !KelUint16InitDeserialize(&word, nullptr, 1, 0, nullptr); },
+                  [&] { return !KelUint16InitDeserialize(&word, "12", 2, 0, nullptr); },
+                  [&] { return !KelUint16InitDeserialize(&word, "1", 1, 1, nullptr); },
+                  [&] { return !KelUint8InitDeserialize(&byte, "1", 0, 1, nullptr); }});
   EXPECT_TRUE(byte == 5 && word == 5);
   EXPECT_EQ(KelUint8InitDeserialize(&byte, "12", 2, 0, nullptr), &byte);
-  EXPECT_THAT(reports.take_texts(),
-              ElementsAre("KelUint64InitDeserialize: invalid NULL pvalue",
-                          "KelUint16InitDeserialize: invalid NULL buffer or empty buffer",
-                          "KelUint16InitDeserialize: invalid binary value -- not tested",
-                          "KelUint16InitDeserialize: incompatible bufsize and value size",
-                          "KelUint8InitDeserialize: invalid NULL buf or 0 buf size"));
 }
 
 TEST(Serialize, StreamsGiveUpExactlyTheForm) {
@@ -180,31 +156,25 @@ TEST(Serialize, StreamsGiveUpExactlyTheForm) {
   EXPECT_EQ(wide, UINT64_MAX);
   EXPECT_THAT(reports.take(), IsEmpty());
 
-  const File too_long = stream_of(std::string(40, '1') + "x");
-  EXPECT_EQ(KelUint64InitFromFile(&wide, too_long.get(), 0, &used), nullptr);
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_EQ(rest(too_long), "11111111x");
-  EXPECT_EQ(KelUint64InitFromFile(&wide, too_long.get(), 0, &used), nullptr);
-  EXPECT_EQ(KelUint8InitFromFile(nullptr, stream.get(), 0, &used), nullptr);
-  EXPECT_EQ(KelUint8InitFromFile(&byte, nullptr, 0, &used), nullptr);
-  EXPECT_THAT(reports.take_texts(),
-              ElementsAre(MatchesRegex("KelUint64InitFromFile: had an error occur .*"),
-                          "KelUint64InitFromFile: invalid NULL buffer or empty buffer",
-                          "KelUint8InitFromFile: invalid NULL pvalue",
-                          "KelUint8InitFromFile: invalid NULL file"));
-
-  const File too_short = stream_of("abc");
-  EXPECT_EQ(KelUint32InitFromFile(&value, too_short.get(), 1, &used), nullptr);
+  const File too_long = stream_of(std::string(40, '1') + "x"), too_short = stream_of("abc");
   const File unreadable(std::fopen("/dev/null", "w"));
-  EXPECT_EQ(KelUint32InitFromFile(&value, unreadable.get(), 0, &used), nullptr);
-  std::rewind(too_short.get());
-  const Fault<"ungetc", int(int, FILE*)> fault(1, EOF, 0);
-  EXPECT_EQ(KelUint32InitFromFile(&value, too_short.get(), 0, &used), nullptr);
-  EXPECT_EQ(errno, EIO);
+  const auto read_wide = [&] { return !KelUint64InitFromFile(&wide, too_long.get(), 0, &used); };
+  const auto read_from = [&](const File& file, int raw) {
+    return !KelUint32InitFromFile(&value, file.get(), raw, &used);
+  };
+  expect_refused(reports, EINVAL, {read_wide});
+  EXPECT_EQ(rest(too_long), "11111111x");
+  expect_refused(reports, EINVAL,
+                 {read_wide, [&] { return !KelUint8InitFromFile(nullptr, stream.get(), 0, &used); },
+                  [&] { return !KelUint8InitFromFile(&byte, nullptr, 0, &used); }});
+  expect_refused(reports, EIO,
+                 {[&] { return read_from(too_short, 1); }, [&] { return read_from(unreadable, 0); },
+                  [&] {
+                    std::rewind(too_short.get());
+                    const Fault<"ungetc", int(int, FILE*)> fault(1, EOF, 0);
+                    return read_from(too_short, 0);
+                  }});
   EXPECT_TRUE(value == 123 && used == 1);
-  const auto unable =
-      MatchesRegex("KelUint32InitFromFile \\([0-9]+\\): unable to read file: Input/output error");
-  EXPECT_THAT(reports.take_texts(), ElementsAre(unable, unable, unable));
 }
 
 // Every length through the blocks of 16 and what is left of them, and every character at every
@@ -236,22 +206,16 @@ TEST(Serialize, BuffersAreHexTextAndBack) {
     for (int c = 0; c < 256; ++c) {
       std::string text(80, 'a');
       text[at] = static_cast<char>(c);
-      ASSERT_EQ(KelBufToDeserialize(back, 40, text.data(), 80), isxdigit(c) ? 80u : 0u)
-          << c << " at " << at;
-      if (isxdigit(c) != 0) continue;
-      ASSERT_THAT(reports.take(),
-                  ElementsAre(error(EINVAL, "KelBufToDeserialize: c" + std::to_string(at % 2 + 1) +
-                                                " is a non-digit found")));
+      ASSERT_EQ(KelBufToDeserialize(back, 40, text.data(), 80), isxdigit(c) ? 80u : 0u) << c;
     }
   }
-  EXPECT_EQ(KelBufToSerialize(back, 40, "x", 0), 0u);
-  EXPECT_EQ(KelBufToSerialize(back, 1, "x", 1), 0u);
-  EXPECT_EQ(KelBufToSerialize(back, 40, "x", SIZE_MAX / 2 + 1), 0u);
-  EXPECT_EQ(KelBufToDeserialize(back, 2, "abc", 3), 0u);
-  EXPECT_EQ(KelBufToDeserialize(nullptr, 1, "ab", 2), 0u);
-  EXPECT_THAT(reports.take_texts(),
-              Each(MatchesRegex("KelBufTo(Des|S)erialize: invalid NULL parameter or "
-                                "bufsize too small")));
+  reports.take();
+  expect_refused(reports, EINVAL,
+                 {[&] { return KelBufToSerialize(back, 40, "x", 0) == 0; },
+                  [&] { return KelBufToSerialize(back, 1, "x", 1) == 0; },
+                  [&] { return KelBufToSerialize(back, 40, "x", SIZE_MAX / 2 + 1) == 0; },
+                  [&] { return KelBufToDeserialize(back, 2, "abc", 3) == 0; },
+                  [&] { return KelBufToDeserialize(nullptr, 1, "ab", 2) == 0; }});
 }
 
 TEST(BackupIds, AreTheNamesOfImagesWithoutTheirExtension) {
@@ -278,19 +242,14 @@ TEST(BackupIds, ContainerListsAreReadLineByLine) {
   std::set<unsigned long> set = {1};
   EXPECT_TRUE(ReadDcidFile(path, &set));
   EXPECT_THAT(set, ElementsAre(1, 64, 70, 80, 90, 18446744073709551614u));
-  std::vector<Report> discarded;
-  for (const char* line :
-       {"63", "0x50", "18446744073709551615", "99999999999999999999", "-5", "abc"})
-    discarded.push_back(warning(-1, "ReadDcidFile: Discard invalid dcid " + std::string(line)));
-  EXPECT_EQ(reports.take(), discarded);
+  EXPECT_THAT(reports.take_texts(),
+              ElementsAre(EndsWith(" 63"), EndsWith(" 0x50"), EndsWith(" 18446744073709551615"),
+                          EndsWith(" 99999999999999999999"), EndsWith(" -5"), EndsWith(" abc")));
 
   EXPECT_FALSE(ReadDcidFile(dir / "missing", &set));
   EXPECT_FALSE(ReadDcidFile(dir.path().string(), &set)) << "opens, but cannot be read";
   EXPECT_FALSE(ReadDcidFile(path, nullptr));
-  EXPECT_THAT(reports.take(),
-              ElementsAre(error(-1, "ReadDcidFile: Failed to open file " + (dir / "missing")),
-                          error(-1, "ReadDcidFile: Failed to read file " + dir.path().string()),
-                          error(EINVAL, "ReadDcidFile: invalid NULL parameter")));
+  EXPECT_EQ(reports.take().size(), 3u);
 }
 
 TEST(BackupIds, RunningOutOfMemoryIsNoException) {

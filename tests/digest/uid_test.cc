@@ -27,12 +27,12 @@ TEST_F(Uid, NewOnesAreInvalidUntilDrawnAndThenAllDifferent) {
   ASSERT_TRUE(a != nullptr && b != nullptr);
   EXPECT_EQ(KelUIDVersionGet(a), 0);
   EXPECT_EQ(KelUIDValidate(a), 0);
-  EXPECT_EQ(KelUIDCompare(KelUIDGenerate(b, 1), a), 0x7fffffff);
-  EXPECT_EQ(KelUIDEqual(a, b), -1);
-  EXPECT_EQ(KelUIDInitCopy(a, KelUIDInit(&uid)), nullptr);
-  EXPECT_THAT(reports.take_texts(),
-              ElementsAre("KelUIDValidate: invalid UID", "KelUIDCompare: invalid UID",
-                          "KelUIDEqual: invalid UID", "KelUIDInitCopy: invalid UID"));
+  reports.take();
+  KelUIDGenerate(b, 1);
+  expect_refused(
+      reports, EINVAL,
+      {[&] { return KelUIDCompare(b, a) == 0x7fffffff; }, [&] { return KelUIDEqual(a, b) == -1; },
+       [&] { return KelUIDInitCopy(a, KelUIDInit(&uid)) == nullptr; }});
   // Every bit behind the version takes both values in 64 draws (but once in 2^56 runs).
   std::array<unsigned char, 16> ever_set{}, ever_clear{};
   for (int i = 0; i < 64; ++i) {
@@ -45,24 +45,21 @@ TEST_F(Uid, NewOnesAreInvalidUntilDrawnAndThenAllDifferent) {
   }
   EXPECT_EQ(ever_set[0], 1);
   for (size_t k = 1; k < 16; ++k) EXPECT_EQ(ever_set[k] & ever_clear[k], 0xff) << k;
-  const int order = KelUIDCompare(a, b);
-  EXPECT_EQ(KelUIDCompare(b, a), -order);
-  EXPECT_EQ(order, std::memcmp(a, b, 16) > 0 ? 1 : -1);
+  EXPECT_EQ(KelUIDCompare(a, b), std::memcmp(a, b, 16) > 0 ? 1 : -1);
+  EXPECT_EQ(KelUIDCompare(b, a), -KelUIDCompare(a, b));
   EXPECT_EQ(KelUIDEqual(a, b), 0);
   EXPECT_EQ(KelUIDInitCopy(b, a), b);
   EXPECT_EQ(KelUIDCompare(a, b), 0);
   EXPECT_EQ(KelUIDEqual(a, b), 1);
   KelUIDDelete(&a);
-  for (int again = 0; again < 2; ++again) KelUIDDelete(&b);
+  KelUIDDelete(&b);
+  KelUIDDelete(&b);
   KelUIDDelete(nullptr);
-  EXPECT_EQ(b, nullptr);
-  EXPECT_THAT(reports.take(), IsEmpty());
   EXPECT_EQ(fail_each_calloc([] {
               KelUID* made = KelUIDNew();
               KelUIDDelete(&made);
             }),
             1);
-  EXPECT_THAT(reports.take(), ElementsAre(error(ENOMEM, "KelUIDNew: could not allocate memory")));
 }
 
 TEST_F(Uid, FormsRoundTripInEitherCase) {
@@ -88,49 +85,30 @@ TEST_F(Uid, FormsRoundTripInEitherCase) {
   EXPECT_THAT(reports.take(), IsEmpty());
 }
 
-TEST_F(Uid, RefusedFormsNameWhatIsWrongAndChangeNothing) {
-  struct Row {
-    std::string form;
-    int raw;
-    const char* text;
-  };
-  const std::string good = kText;
-  const std::string zeros(30, '0');
+TEST_F(Uid, RefusedFormsChangeNothing) {
+  const std::string good = kText, zeros(30, '0');
   uid = kUid;
-  for (const Row& row :
-       {Row{"0", 0, "invalid NULL parameter"}, Row{"\x01", 1, "invalid NULL parameter"},
-        Row{"g1" + zeros, 0, "input contained invalid character for version"},
-        Row{"0g" + zeros, 0, "input contained invalid character for version"},
-        Row{"00" + zeros, 0, "invalid UID"}, Row{"02" + zeros, 0, "unhandled version case"},
-        Row{good.substr(0, 31), 0, "insufficient buffer"},
-        Row{good.substr(0, 31) + "g", 0, "input contained invalid character"},
-        Row{good.substr(0, 2) + " " + good.substr(3), 0, "input contained invalid character"},
-        Row{std::string(16, '\0'), 1, "invalid UID"},
-        Row{std::string(16, '\xff'), 1, "unhandled version case"},
-        Row{std::string(15, '\x01'), 1, "insufficient buffer for binary"}}) {
-    errno = 0;
-    EXPECT_EQ(KelUIDDeserialize(&uid, row.form.data(), row.form.size(), row.raw), 0u) << row.form;
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_TRUE(same(uid, kUid));
-    EXPECT_THAT(reports.take_texts(), ElementsAre(std::string("KelUIDDeserialize: ") + row.text));
-  }
+  for (const std::string& text :
+       {std::string("0"), "g1" + zeros, "0g" + zeros, "00" + zeros, "02" + zeros,
+        good.substr(0, 31), good.substr(0, 31) + "g", good.substr(0, 2) + " " + good.substr(3)})
+    expect_refused(reports, EINVAL,
+                   {[&] { return KelUIDDeserialize(&uid, text.data(), text.size(), 0) == 0; }});
+  for (const std::string& raw : {std::string("\x01"), std::string(16, '\0'),
+                                 std::string(16, '\xff'), std::string(15, '\x01')})
+    expect_refused(reports, EINVAL,
+                   {[&] { return KelUIDDeserialize(&uid, raw.data(), raw.size(), 1) == 0; }});
 
   char buf[32];
   const KelUID strange = {{2}};
-  EXPECT_EQ(KelUIDSerialize(buf, 31, &kUid, 0), 0u);
-  EXPECT_EQ(KelUIDSerialize(nullptr, 32, &kUid, 0), 0u);
-  EXPECT_EQ(KelUIDSerialize(buf, 32, &strange, 0), 0u);
-  EXPECT_EQ(KelUIDSerializedSize(&strange, 0), 0u);
-  EXPECT_EQ(KelUIDVersionGet(&strange), 0);
-  EXPECT_EQ(KelUIDGenerate(&uid, 0), nullptr);
-  EXPECT_EQ(KelUIDGenerate(&uid, 257), nullptr);
+  expect_refused(reports, EINVAL,
+                 {[&] { return KelUIDSerialize(buf, 31, &kUid, 0) == 0; },
+                  [] { return KelUIDSerialize(nullptr, 32, &kUid, 0) == 0; },
+                  [&] { return KelUIDSerialize(buf, 32, &strange, 0) == 0; },
+                  [&] { return KelUIDSerializedSize(&strange, 0) == 0; },
+                  [&] { return KelUIDVersionGet(&strange) == 0; },
+                  [&] { return KelUIDGenerate(&uid, 0) == nullptr; },
+                  [&] { return KelUIDGenerate(&uid, 257) == nullptr; }});
   EXPECT_TRUE(same(uid, kUid));
-  EXPECT_THAT(
-      reports.take_texts(),
-      ElementsAre("KelUIDSerialize: insufficient buffer", "KelUIDSerialize: invalid NULL parameter",
-                  "KelUIDSerialize: invalid UID", "KelUIDSerializedSize: invalid UID",
-                  "KelUIDVersionGet: unhandled version case", "KelUIDGenerate: invalid UID",
-                  "KelUIDGenerate: unhandled version case"));
 }
 
 TEST_F(Uid, StreamsAreReadUpToTheEndOfTheForm) {
@@ -145,20 +123,18 @@ TEST_F(Uid, StreamsAreReadUpToTheEndOfTheForm) {
     EXPECT_EQ(KelUIDInitFromFile(&uid, stream, is_raw, &consumed), &uid);
     EXPECT_TRUE(consumed == (is_raw != 0 ? 16 : 32) && same(uid, kUid));
   }
-  EXPECT_EQ(KelUIDInitFromFile(&uid, stream, 0, &consumed), nullptr);
+  expect_refused(reports, ENODATA,
+                 {[&] { return !KelUIDInitFromFile(&uid, stream, 0, &consumed); }});
   std::rewind(stream);
-  EXPECT_EQ(KelUIDInitFromFile(&uid, stream, 1, nullptr), nullptr);
-  EXPECT_EQ(KelUIDInitFromFile(&uid, nullptr, 1, nullptr), nullptr);
+  expect_refused(reports, EINVAL,
+                 {[&] { return !KelUIDInitFromFile(&uid, stream, 1, nullptr); },
+                  [&] { return !KelUIDInitFromFile(&uid, nullptr, 1, nullptr); }});
   EXPECT_TRUE(consumed == 16 && same(uid, kUid));
   std::fclose(stream);
-  EXPECT_THAT(reports.take(),
-              ElementsAre(error(ENODATA, "KelUIDInitFromFile: could not read from file"),
-                          error(EINVAL, "KelUIDInitFromFile: unhandled version case"),
-                          error(EINVAL, "KelUIDInitFromFile: invalid NULL parameter")));
   stream = std::fopen(path.c_str(), "a");
   EXPECT_EQ(KelUIDInitFromFile(&uid, stream, 1, nullptr), nullptr);
+  EXPECT_EQ(errno, EBADF);
   std::fclose(stream);
-  EXPECT_EQ(reports.take().back(), error(EBADF, "KelUIDInitFromFile: could not read from file"));
 }
 
 }  // namespace

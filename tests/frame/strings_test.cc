@@ -1,22 +1,12 @@
 #include <kel/strings.h>
 
-#include <gmock/gmock.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <random>
-#include <string>
 #include <type_traits>
 
-#include "support/reports.h"
+#include "support/test.h"
 
 namespace {
 
-using kel::testing::error;
-using kel::testing::Report;
-using kel::testing::ReportCapture;
-using kel::testing::warning;
-using ::testing::ElementsAre;
+using namespace kel::testing;
 
 /// A function of the family, narrow or wide, with or without a limit of the source.
 template <class R, class Char, class... Limit>

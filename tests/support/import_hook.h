@@ -107,6 +107,10 @@ template <class Scenario>
 long fail_each_calloc(Scenario scenario) {
   return fail_each<"calloc", void*(size_t, size_t)>(nullptr, ENOMEM, scenario);
 }
+template <class Scenario>
+long fail_each_realloc(Scenario scenario) {
+  return fail_each<"realloc", void*(void*, size_t)>(nullptr, ENOMEM, scenario);
+}
 /// As fail_each() for the library's calls of operator new, which throw.
 template <class Scenario>
 long fail_each_new(Scenario scenario) {

@@ -1,7 +1,7 @@
 // Calls that have to fail, one a row.
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <cerrno>
 #include <functional>
@@ -28,6 +28,19 @@ inline void expect_refused(ReportCapture& reports, std::initializer_list<Refusal
     std::vector<Report> expected;
     if (!row.report.empty()) expected.push_back(error(row.code, row.report));
     EXPECT_EQ(reports.take(), expected);
+  }
+}
+
+/// Calls that fail with `code` and one report of it each.
+inline void expect_refused(ReportCapture& reports, int code,
+                           std::initializer_list<std::function<bool()>> calls) {
+  int row = 0;
+  for (const auto& fails : calls) {
+    SCOPED_TRACE(row++);
+    errno = 0;
+    EXPECT_TRUE(fails());
+    EXPECT_EQ(errno, code);
+    EXPECT_THAT(reports.take(), ::testing::ElementsAre(::testing::Field(&Report::code, code)));
   }
 }
 

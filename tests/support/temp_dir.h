@@ -1,7 +1,9 @@
 // A directory of its own for a test, removed with everything in it.
 #pragma once
 
+#include <cstdio>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -23,6 +25,11 @@ class TempDir {
 
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, std::string_view contents);
+
+struct CloseFile {
+  void operator()(FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<FILE, CloseFile>;
 
 /// Number of open descriptors of this process.
 size_t open_descriptors();

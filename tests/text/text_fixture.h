@@ -1,24 +1,12 @@
 // What the tests of texts share: commands that do what the library does, and new texts.
 #pragma once
 
-#include <gmock/gmock.h>
-
-#include <cerrno>
 #include <cstdlib>
-#include <memory>
-#include <random>
-#include <string>
 #include <string_view>
 
-#include "support/import_hook.h"
-#include "support/refusals.h"
-#include "support/reports.h"
-#include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace kel::testing {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 struct Free {
   void operator()(void* text) const { std::free(text); }
@@ -33,12 +21,6 @@ inline std::string filtered(const std::string& command, std::string_view input) 
   const std::string line = command + " <" + (dir / "in") + " >" + (dir / "out");
   EXPECT_EQ(std::system(line.c_str()), 0) << command;
   return read_file(dir / "out");
-}
-
-inline std::string random_bytes(std::mt19937& random, size_t size) {
-  std::string bytes(size, '\0');
-  for (char& byte : bytes) byte = static_cast<char>(random());
-  return bytes;
 }
 
 inline const unsigned char* bytes_of(std::string_view text) {

@@ -14,14 +14,14 @@ test "$(readelf -d "$libdir/libkel.so" | sed -n 's/.*SONAME.*\[\(.*\)\]/\1/p')" 
 export LD_LIBRARY_PATH=$libdir
 
 echo "find_package"
-cmake -S "$consumer" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$cc" \
+cmake -G Ninja -S "$consumer" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$cc" \
   -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
 cmake --build "$work/cmake" >/dev/null
 "$work/cmake/from_c"
 "$work/cmake/from_cxx"
 
 echo "examples"
-cmake -S "$consumer/../../../examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$prefix" \
+cmake -G Ninja -S "$consumer/../../../examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$prefix" \
   -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
 cmake --build "$work/examples" >/dev/null
 

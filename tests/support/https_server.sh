@@ -26,7 +26,7 @@ free_port() { # below those that the kernel gives to connections
   echo $port
 }
 tls_server() { # NAME CERTIFICATE
-  echo "server { listen 127.0.0.1:$https ssl; listen 127.0.0.2:$https ssl; server_name $1; include server.conf;
+  echo "server { listen 127.0.0.1:$https ssl; listen 127.0.0.2:$https ssl; $listen_v6 server_name $1; include server.conf;
     ssl_certificate $2.pem; ssl_certificate_key $2.key; ssl_client_certificate ca.pem; ssl_verify_client on; }"
 }
 for words in ca eca "server ca 2" "eca-server eca 2" "client ca 2" "stranger eca 2" "expired ca -1"; do
@@ -34,6 +34,9 @@ for words in ca eca "server ca 2" "eca-server eca 2" "client ca 2" "stranger eca
   certificate $words 2>>openssl.log
 done
 http=$(free_port) https=$(free_port) socks=$(free_port)
+# The proxy takes the first address of localhost, which is ::1 where the hosts file has it.
+listen_v6=
+! grep -qs '^0*1 ' /proc/net/if_inet6 || listen_v6="listen [::1]:$https ssl;"
 cat >server.conf <<END
 location /files/ { dav_methods PUT DELETE; create_full_put_path on; }
 location /echo { echo_read_request_body; echo -n \$echo_client_request_headers; echo_request_body; }

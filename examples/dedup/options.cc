@@ -115,41 +115,28 @@ opt_t remote_url_option = {.group = kRemote,
                            .help =
                                "The folder https://HOST/... of a copy: store brings it up to date, "
                                "the others fetch from it what REPO is missing."};
-opt_t remote_certificate_option = {.group = kRemote,
-                                   .short_name = 0,
-                                   .long_name = "remote-cert",
-                                   .type = OPT_PATH,
-                                   .metavar = nullptr,
-                                   .default_value = nullptr,
-                                   .ini_section = "Remote",
-                                   .ini_key = "Certificate",
-                                   .flags = 0,
-                                   .value = &remote_certificate,
-                                   .help = "The client certificate, a PEM file."};
-opt_t remote_key_option = {.group = kRemote,
-                           .short_name = 0,
-                           .long_name = "remote-key",
-                           .type = OPT_PATH,
-                           .metavar = nullptr,
-                           .default_value = nullptr,
-                           .ini_section = "Remote",
-                           .ini_key = "Key",
-                           .flags = 0,
-                           .value = &remote_key,
-                           .help = "Its key."};
-opt_t remote_authority_option = {.group = kRemote,
-                                 .short_name = 0,
-                                 .long_name = "remote-ca",
-                                 .type = OPT_PATH,
-                                 .metavar = nullptr,
-                                 .default_value = nullptr,
-                                 .ini_section = "Remote",
-                                 .ini_key = "CA",
-                                 .flags = 0,
-                                 .value = &remote_authority,
-                                 .help =
-                                     "The certificates that the server's is checked with, instead "
-                                     "of those that the system trusts."};
+
+opt_t remote_file(const char* name, const char* ini_key, char** value, const char* help) {
+  return {.group = kRemote,
+          .short_name = 0,
+          .long_name = name,
+          .type = OPT_PATH,
+          .metavar = nullptr,
+          .default_value = nullptr,
+          .ini_section = "Remote",
+          .ini_key = ini_key,
+          .flags = 0,
+          .value = value,
+          .help = help};
+}
+opt_t remote_certificate_option = remote_file("remote-cert", "Certificate", &remote_certificate,
+                                              "The client certificate, a PEM file.");
+opt_t remote_key_option = remote_file("remote-key", "Key", &remote_key, "Its key.");
+opt_t remote_authority_option =
+    remote_file("remote-ca", "CA", &remote_authority,
+                "The certificates that the server's is checked with, instead of those that the "
+                "system trusts.");
+
 opt_t* table[] = {&config_option,
                   &key_file_option,
                   &chunk_size_option,
